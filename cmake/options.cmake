@@ -1,0 +1,28 @@
+# Options that every target of the project shares.
+
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+
+add_library(ds_options INTERFACE)
+target_compile_options(ds_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wvla -Wundef -Wformat=2 -Werror
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>)
+target_include_directories(ds_options INTERFACE ${PROJECT_SOURCE_DIR})
+
+# The library and the platform code: plain records and free functions, no exceptions, no RTTI.
+add_library(ds_core_options INTERFACE)
+target_link_libraries(ds_core_options INTERFACE ds_options)
+target_compile_options(ds_core_options INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
+
+if(DS_SANITIZE)
+  add_compile_options(-fsanitize=${DS_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${DS_SANITIZE})
+endif()
+if(DS_COVERAGE)
+  add_compile_options(--coverage -O0)
+  add_link_options(--coverage)
+endif()
