@@ -1,0 +1,57 @@
+# The front door. Everything real is in CMake presets and in tools/.
+
+MAKEFLAGS += --no-print-directory
+BENCH_ARGS ?=
+
+.PHONY: help setup build run test test-dev test-asan bench docs format lint coverage clean
+
+help: ## show this list
+	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-10s %s\n", $$1, $$2 }' Makefile
+
+setup: ## install the Debian packages that are missing
+	@tools/setup.sh build test
+
+build: ## build the daemon and its tools (build/release/bin)
+	@tools/setup.sh build
+	@tools/build.sh release dsd dsctl
+
+run: build ## set up, build and show the main job on real processes
+	@tools/demo.sh build/release/bin
+
+test: test-dev test-asan ## set up and pass the whole suite, then once more under the sanitizers
+
+test-dev: ## the suite, built with g++
+	@tools/setup.sh build test
+	@tools/build.sh dev
+	@ctest --preset dev
+
+test-asan: ## the suite, built with clang++ and the address and undefined behaviour sanitizers
+	@tools/setup.sh build test
+	@tools/build.sh asan
+	@ctest --preset asan
+
+bench: ## run the benchmarks (BENCH_ARGS for the daemon's load generator)
+	@tools/setup.sh build bench
+	@tools/bench.sh $(BENCH_ARGS)
+
+docs: ## print docs/log_points.md anew from the table of log points
+	@tools/setup.sh build test
+	@tools/build.sh dev log_points_page
+	@build/dev/bin/log_points_page > docs/log_points.md
+
+format: ## format every source
+	@git ls-files '*.cpp' '*.h' | grep -v -e '^bench/peers/' | xargs clang-format -i
+
+lint: ## clang-tidy over the product's sources
+	@tools/setup.sh build test lint
+	@tools/build.sh dev
+	@git ls-files 'shared_pkg/*.cpp' 'platform_default/*.cpp' 'proto/*.cpp' 'host/*.cpp' 'relay/*.cpp' \
+	  'client/*.cpp' 'cli/*.cpp' | xargs -P 2 -n 4 clang-tidy --quiet -p build/dev
+
+coverage: ## line and branch coverage of the library, by its unit tests
+	@tools/setup.sh build test coverage
+	@tools/build.sh coverage unit_tests
+	@tools/coverage.sh build/coverage
+
+clean: ## remove every build
+	@rm -rf build out
