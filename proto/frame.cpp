@@ -23,7 +23,8 @@ void append_frame(std::string &out, const google::protobuf::MessageLite &message
 Cut cut_frame(std::string_view bytes, std::string_view &message, std::size_t &consumed) {
     if (bytes.size() < frame_header_bytes) return Cut::partial;
     std::uint32_t length = 0;
-    for (int i = 3; i >= 0; i--) length = length << 8 | static_cast<unsigned char>(bytes[static_cast<std::size_t>(i)]);
+    for (int i = 3; i >= 0; i--)
+        length = length << 8 | static_cast<unsigned char>(bytes[static_cast<std::size_t>(i)]);
     if (length > frame_bytes_max) return Cut::too_long;
     if (bytes.size() - frame_header_bytes < length) return Cut::partial;
     message = bytes.substr(frame_header_bytes, length);

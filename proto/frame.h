@@ -26,8 +26,9 @@ void append_header(std::string &out, std::size_t message_bytes);
 
 enum class Cut { complete, partial, too_long };
 
-// Looks for one frame at the start of `bytes`. complete: `message` is its content and `consumed` the bytes it
-// took. partial: more bytes are needed. too_long: the length exceeds frame_bytes_max; the stream is lost.
+// Looks for one frame at the start of `bytes`. complete: `message` is its content and `consumed`
+// the bytes it took. partial: more bytes are needed. too_long: the length exceeds frame_bytes_max;
+// the stream is lost.
 Cut cut_frame(std::string_view bytes, std::string_view &message, std::size_t &consumed);
 
 } // namespace ds::proto
