@@ -4,7 +4,9 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
-void *memdup(const void *bytes, size_t length);    /* malloc'd copy (free with free()); null = out of memory; the library never calls it with length 0 */
+/* A heap copy of length bytes, to be released with free(). The library never asks for 0 bytes.
+   Null = out of memory. */
+void *memdup(const void *bytes, size_t length);
 #ifdef __cplusplus
 }
 #endif
