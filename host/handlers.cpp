@@ -1,0 +1,195 @@
+#include "host/handlers.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <fstream>
+
+#include "host/listing.h"
+#include "host/names.h"
+#include "host/publication.h"
+#include "host/server.h"
+#include "host/session.h"
+#include "host/wire.h"
+#include "proto/frame.h"
+
+namespace ds::host {
+
+namespace {
+
+constexpr const char *out_of_memory = "The daemon has no memory left for this.";
+
+std::string quoted(std::string_view text) {
+    return "'" + std::string(text) + "'";
+}
+
+std::string_view as_bytes(const NodeAddress &address) {
+    return {reinterpret_cast<const char *>(address.data()), address.size()};
+}
+
+std::uint64_t resident_bytes() {
+    std::uint64_t total_pages = 0, resident_pages = 0;
+    std::ifstream("/proc/self/statm") >> total_pages >> resident_pages;
+    return resident_pages * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+}
+
+// Tells a session that somebody else ended its publication.
+void tell_withdrawn(Session &publisher, const ds_service_t &service, const Session &by) {
+    v1::Withdrawn withdrawn;
+    withdrawn.set_service_id(service.service_id);
+    withdrawn.set_name(service.selem->name);
+    withdrawn.set_instance(std::string(to_client_instance(service.instance)));
+    withdrawn.set_scope(static_cast<v1::Scope>(service.scope));
+    withdrawn.set_by_pid(static_cast<std::uint32_t>(by.process_id()));
+    withdrawn.set_by_uid(by.uid());
+    append_event(publisher.replies(), v1::Event::kWithdrawnFieldNumber, withdrawn);
+}
+
+void withdraw_by_id(Call &call, std::uint32_t service_id) {
+    Directory &directory = call.server.directory();
+    ds_service_t *service = directory.find_local_service(service_id);
+    if (service == nullptr)
+        return refuse(call.reply, v1::STATUS_NOT_FOUND,
+                      "No service on this node has the id " + std::to_string(service_id) + ".");
+    const ds_client_t *client = directory.publisher_of(service);
+    Session *publisher =
+        client != nullptr ? call.server.sessions().find(client->client_hdl) : nullptr;
+    const bool is_own_user = publisher != nullptr && publisher->uid() == call.session.uid();
+    if (!is_own_user && call.session.uid() != 0)
+        return refuse(call.reply, v1::STATUS_DENIED,
+                      "The service was published by another user; only that user and root may "
+                      "withdraw it.");
+    if (publisher != nullptr && publisher != &call.session)
+        tell_withdrawn(*publisher, *service, call.session);
+    directory.take_down(service);
+    call.server.counters().withdrawals++;
+}
+
+} // namespace
+
+void refuse(v1::Reply &reply, v1::Status status, std::string text) {
+    reply.set_status(status);
+    reply.set_text(std::move(text));
+}
+
+void handle_hello(Call &call) {
+    const v1::Hello &hello = call.request.hello();
+    if (std::string text = check_text(display_name_rule, hello.display_name()); !text.empty())
+        return refuse(call.reply, v1::STATUS_INVALID, std::move(text));
+    ds_client_t *client =
+        call.server.directory().add_client(call.session.id(), hello.display_name());
+    if (client == nullptr) return refuse(call.reply, v1::STATUS_INTERNAL, out_of_memory);
+    call.session.open(client);
+
+    v1::HelloReply &body = *call.reply.mutable_hello();
+    body.set_protocol(std::min(hello.protocol(), proto::protocol_version));
+    body.set_daemon_version(daemon_version());
+    body.set_node(std::string(as_bytes(call.server.directory().node())));
+    body.set_session(call.session.id());
+    body.set_frame_bytes_max(proto::frame_bytes_max);
+}
+
+void handle_publish(Call &call) {
+    const v1::Publish &publish = call.request.publish();
+    Directory &directory = call.server.directory();
+    if (std::string text = check_publication(publish); !text.empty())
+        return refuse(call.reply, v1::STATUS_INVALID, std::move(text));
+    if (!directory.has_room_for(call.session.client(), publish))
+        return refuse(call.reply, v1::STATUS_LIMIT,
+                      "The instances of " + quoted(publish.name()) + " would take more than " +
+                          std::to_string(snapshot_bytes_max) +
+                          " bytes in one notification; this limit of a name is fixed, so further "
+                          "instances need another name.");
+    const ds_service_t *service =
+        directory.publish(call.session.client(), make_publish_info(publish));
+    if (service == nullptr) return refuse(call.reply, v1::STATUS_INTERNAL, out_of_memory);
+    call.reply.set_service_id(service->service_id);
+    call.reply.set_generation(service->gen);
+    call.server.counters().publishes++;
+}
+
+void handle_withdraw(Call &call) {
+    const v1::Withdraw &withdraw = call.request.withdraw();
+    if (withdraw.service_id() != 0) return withdraw_by_id(call, withdraw.service_id());
+    if (std::string text = check_identity(withdraw.name(), withdraw.instance(), withdraw.scope());
+        !text.empty())
+        return refuse(call.reply, v1::STATUS_INVALID, std::move(text));
+    const bool is_withdrawn = call.server.directory().withdraw(
+        call.session.client(), withdraw.name(), withdraw.instance(),
+        static_cast<std::uint32_t>(withdraw.scope()));
+    if (!is_withdrawn)
+        return refuse(call.reply, v1::STATUS_NOT_FOUND,
+                      "This session has not published " + quoted(withdraw.name()) +
+                          " with instance " + quoted(withdraw.instance()) + " and scope " +
+                          std::to_string(withdraw.scope()) + ".");
+    call.server.counters().withdrawals++;
+}
+
+void handle_register(Call &call) {
+    const v1::Register &request = call.request.register_();
+    if (std::string text = check_text(service_name_rule, request.name()); !text.empty())
+        return refuse(call.reply, v1::STATUS_INVALID, std::move(text));
+    Registration &registration = call.session.add_registration(request.cookie());
+    ds_client_reg_t *record = call.server.directory().add_registration(
+        call.session.client(), request.name(), reinterpret_cast<std::uint64_t>(&registration));
+    if (record == nullptr) {
+        call.session.drop_registration(registration);
+        return refuse(call.reply, v1::STATUS_INTERNAL, out_of_memory);
+    }
+    call.session.finish_registration(registration, record);
+    call.reply.set_handle(record->handle);
+}
+
+void handle_unregister(Call &call) {
+    const v1::Unregister &request = call.request.unregister();
+    Registration *registration = call.session.find_registration(request.handle());
+    if (registration == nullptr || request.name() != registration->record->selem->name)
+        return refuse(call.reply, v1::STATUS_NOT_FOUND,
+                      "This session has no registration of " + quoted(request.name()) +
+                          " with handle " + std::to_string(request.handle()) + ".");
+    ds_client_reg_t *record = registration->record;
+    call.session.drop_registration(*registration);
+    call.server.directory().remove_registration(record);
+}
+
+void handle_list(Call &call) {
+    const v1::List &list = call.request.list();
+    if (list.after().size() > proto::name_bytes_max)
+        return refuse(call.reply, v1::STATUS_INVALID,
+                      "after has " + std::to_string(list.after().size()) + " bytes; 0 to " +
+                          std::to_string(proto::name_bytes_max) + " bytes are allowed.");
+    if (list.name().empty()) return encode_page(call.server.directory(), list, call.page);
+    if (std::string text = check_text(service_name_rule, list.name()); !text.empty())
+        return refuse(call.reply, v1::STATUS_INVALID, std::move(text));
+    if (!encode_name(call.server.directory(), list.name(), call.page))
+        refuse(call.reply, v1::STATUS_NOT_FOUND, "Nobody publishes " + quoted(list.name()) + ".");
+}
+
+void handle_status(Call &call) {
+    const Server &server = call.server;
+    const Counters &counters = call.server.counters();
+    const Directory::Totals totals = call.server.directory().totals();
+    v1::StatusReply &body = *call.reply.mutable_status_info();
+    body.set_daemon_version(daemon_version());
+    body.set_pid(static_cast<std::uint32_t>(getpid()));
+    body.set_uptime_ms(server.uptime_ms());
+    body.set_node(std::string(as_bytes(call.server.directory().node())));
+    body.set_socket(server.config().socket);
+    body.set_trace_directory(server.config().trace_dir);
+    body.set_relay(server.engine().name());
+    body.set_sessions(server.sessions().count());
+    body.set_names(totals.names);
+    body.set_services(totals.services);
+    body.set_registrations(totals.registrations);
+    body.set_publishes(counters.publishes);
+    body.set_withdrawals(counters.withdrawals);
+    body.set_notifications(counters.notifications);
+    body.set_coalesced(counters.coalesced);
+    body.set_bad_frames(counters.bad_frames);
+    body.set_queued_bytes(server.queued_bytes());
+    body.set_resident_bytes(resident_bytes());
+    body.set_sessions_total(counters.sessions_total);
+}
+
+} // namespace ds::host

@@ -1,0 +1,98 @@
+// The event loop of the daemon: one thread, one epoll set.
+//
+// A turn waits for events, serves each ready handler once, then the alarms that are due, then the
+// end-of-turn hooks. Whatever a turn produced is sent by a hook, so all that happened in one turn
+// leaves with one write per connection.
+//
+// Handlers and alarms are owned by whoever made them. A handler may forget its descriptor at any
+// time, but it must stay alive until the turn's hooks run, because its event may already have been
+// fetched; it must expect to be called once more after it was forgotten.
+#pragma once
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "host/unique_fd.h"
+
+namespace ds::host {
+
+class Handler {
+  public:
+    virtual void on_ready(std::uint32_t events) = 0; // EPOLLIN, EPOLLOUT, EPOLLHUP, EPOLLERR
+
+  protected:
+    ~Handler() = default;
+};
+
+// A one-shot timer. Disarm it before it is destroyed.
+class Alarm {
+  public:
+    explicit Alarm(std::function<void()> action) : action_(std::move(action)) {}
+    Alarm(const Alarm &) = delete;
+    Alarm &operator=(const Alarm &) = delete;
+
+    bool is_armed() const { return armed_; }
+
+  private:
+    friend class Loop;
+    std::function<void()> action_;
+    std::uint64_t deadline_ns_ = 0;
+    bool armed_ = false;
+};
+
+class Loop final : private Handler {
+  public:
+    using Clock = std::uint64_t (*)(); // nanoseconds, CLOCK_MONOTONIC unless a test brings its own
+    explicit Loop(Clock clock = monotonic_ns);
+    Loop(const Loop &) = delete;
+    Loop &operator=(const Loop &) = delete;
+
+    void watch(int fd, std::uint32_t events, Handler &handler);
+    void change(int fd, std::uint32_t events, Handler &handler);
+    void forget(int fd);
+
+    // Arms the alarm, or moves it when it is armed already. A deadline that has passed fires in the
+    // next turn.
+    void arm(Alarm &alarm, std::uint64_t deadline_ns);
+    void disarm(Alarm &alarm);
+
+    // Delivers these signals to `action` inside a turn instead of interrupting the process.
+    void watch_signals(std::initializer_list<int> signals, std::function<void(int)> action);
+
+    void at_end_of_turn(std::function<void()> hook) { hooks_.push_back(std::move(hook)); }
+
+    // One turn; waits at most timeout_ms for an event, -1 without limit.
+    void turn(int timeout_ms);
+    void run(); // turns until stop()
+    void stop() { running_ = false; }
+
+    // Readable whenever a turn has something to do: another reactor can watch it and call turn(0).
+    int fd() const { return epoll_.get(); }
+    std::uint64_t now_ns() const { return clock_(); }
+
+    static std::uint64_t monotonic_ns();
+
+  private:
+    void on_ready(std::uint32_t events) override; // the timer descriptor
+    void run_due_alarms();
+    void set_timer();
+
+    struct Signals final : Handler {
+        void on_ready(std::uint32_t events) override;
+        UniqueFd fd;
+        std::function<void(int)> action;
+    };
+
+    Clock clock_;
+    UniqueFd epoll_;
+    UniqueFd timer_;
+    Signals signals_;
+    std::set<std::pair<std::uint64_t, Alarm *>> alarms_; // by deadline
+    std::vector<std::function<void()>> hooks_;
+    bool running_ = false;
+};
+
+} // namespace ds::host
