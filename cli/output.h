@@ -1,0 +1,64 @@
+// Text for people: safe cells, aligned tables, colours.
+//
+// Names, instances and paths come from other processes. Whatever they hold, one cell stays one cell
+// and one line stays one line: escape() and cell() leave nothing that moves the cursor, ends a line
+// or turns the direction of writing.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace ds::cli {
+
+enum class Color { none, header, good, changed, bad, faint };
+
+// `text` in that colour, or as it is when colours are off.
+std::string paint(std::string_view text, Color color, bool enabled);
+
+// Control characters, bytes that are not UTF-8 and characters that are invisible or turn the
+// direction of writing become \n, \t, \xNN or \u{N}; a backslash becomes two.
+std::string escape(std::string_view text);
+
+// The same for a sentence that names may stand in already escaped: a backslash stays one.
+std::string one_line(std::string_view text);
+
+// One cell of a table: escaped, in double quotes when it holds a blank or a quote or could be taken
+// for the empty cell, "-" when it is empty. Two different texts never look the same.
+std::string cell(std::string_view text);
+
+// Columns of a terminal that an escaped text takes.
+std::size_t width(std::string_view text);
+
+// `text` and as many blanks as it takes to reach `columns`; a longer text is left whole.
+std::string pad(std::string_view text, std::size_t columns);
+
+// Rows under a header, each column as wide as its widest cell, two blanks apart. Nothing is cut
+// off.
+class Table {
+  public:
+    explicit Table(std::vector<std::string> titles) : titles_(std::move(titles)) {}
+    // As many cells as there are titles, raw: they pass through cell() here.
+    void add(const std::vector<std::string> &cells);
+    std::string render(bool color) const;
+
+  private:
+    std::vector<std::string> titles_;
+    std::vector<std::vector<std::string>> rows_;
+};
+
+// "12.3 MiB"; below 1 KiB "512 B".
+std::string bytes_text(std::uint64_t bytes);
+
+// "1d 02h 03m 04s", from the first unit that is not zero; below a minute with a fraction: "4.250s".
+std::string duration_text(std::uint64_t ms);
+
+// Wall-clock time, given in nanoseconds since the epoch.
+std::string clock_text(std::uint64_t wall_ns);      // local "19:10:07.123"
+std::string date_clock_text(std::uint64_t wall_ns); // local "11/21 19:10:07.123"
+std::string iso_text(std::uint64_t wall_ns);        // UTC "2026-11-21T19:10:07.123Z"
+std::uint64_t wall_now_ns();
+
+} // namespace ds::cli
