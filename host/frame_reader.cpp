@@ -4,7 +4,7 @@ namespace ds::host {
 
 namespace {
 
-constexpr std::size_t idle_capacity_max = 64 * 1024; // of a connection with nothing held
+constexpr std::size_t idle_capacity_max = 65'536; // of a connection with nothing held
 
 } // namespace
 

@@ -8,7 +8,7 @@
 namespace ds::host {
 
 // A page ends before this size, except that one name is always told whole.
-inline constexpr std::size_t page_bytes_max = 256 * 1024;
+inline constexpr std::size_t page_bytes_max = 262'144;
 
 // Appends the encoded ListReply of the names behind list.after(), in the directory's order: shorter
 // names first, then by bytes. Names that nobody publishes are left out. `after` need not exist any

@@ -11,10 +11,10 @@ namespace ds::host {
 
 namespace {
 
-constexpr std::size_t small_capacity = 64 * 1024;
+constexpr std::size_t small_capacity = 65'536;
 constexpr std::size_t copied_snapshot_max = 4096; // larger ones are sent from where they are
 constexpr std::size_t header_bytes_max = 40;      // of a notification around its snapshot
-constexpr std::size_t idle_capacity_max = 64 * 1024;
+constexpr std::size_t idle_capacity_max = 65'536;
 
 // Everything of a notification's frame that stands before the snapshot's bytes.
 void append_notification_header(const Registration &registration, std::size_t snapshot_bytes,

@@ -15,7 +15,7 @@ namespace ds::host {
 
 namespace {
 
-constexpr std::size_t read_bytes_max = 64 * 1024; // of one session in one turn
+constexpr std::size_t read_bytes_max = 65'536; // of one session in one turn
 constexpr long pid_limit = 4'194'304;             // the kernel's largest
 
 // Shared by all sessions: what is not handled at once is copied by the session's reader.

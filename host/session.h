@@ -31,8 +31,8 @@ class Server;
 
 class Session final : public Handler {
   public:
-    static constexpr std::size_t answers_bytes_max = 256 * 1024;
-    static constexpr std::size_t answers_bytes_resume = 64 * 1024;
+    static constexpr std::size_t answers_bytes_max = 262'144;
+    static constexpr std::size_t answers_bytes_resume = 65'536;
 
     Session(Server &server, std::uint64_t id, UniqueFd connection);
     ~Session();

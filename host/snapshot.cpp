@@ -125,7 +125,7 @@ const std::string &SnapshotCache::of(ds_service_elem_t *element) {
 
 void SnapshotCache::clear() {
     constexpr std::size_t spare_max = 64;
-    constexpr std::size_t spare_capacity_max = 64 * 1024;
+    constexpr std::size_t spare_capacity_max = 65'536;
     while (!snapshots_.empty()) {
         auto node = snapshots_.extract(snapshots_.begin());
         if (spare_.size() == spare_max || node.mapped().capacity() > spare_capacity_max) continue;
