@@ -3,6 +3,7 @@
 
 #include "ds_trace.h"
 
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -14,7 +15,8 @@ constexpr size_t client_name_bytes = sizeof(ds_client_t::name);
 // A condition without which no dump can be given; ends the process as an assertion does.
 void require(bool holds, const char *expression, unsigned line, const char *function) {
     if (holds) return;
-    fprintf(stderr, "%s:%u: %s: Assertion `%s' failed.\n", source_file, line, function, expression);
+    fprintf(stderr, "%s: %s:%u: %s: Assertion `%s' failed.\n", program_invocation_short_name,
+            source_file, line, function, expression);
     fflush(stderr);
     abort();
 }
