@@ -1,0 +1,41 @@
+// The measurements. Each takes fresh servers and adds its values to the figures.
+#pragma once
+#include <chrono>
+#include <vector>
+
+#include "figures.h"
+#include "server_process.h"
+
+namespace ds::bench {
+
+struct Options {
+    Programs programs;
+    int runs = 5;
+    double seconds = 1; // of one measured run
+    std::vector<int> watchers = {1, 100, 1000};
+};
+
+// One client changes one publication, each change after the answer to the one before.
+void measure_round_trip(const Options &options, Figures &figures);
+// Clients with 64 unanswered publications of new names each.
+void measure_pipelined(const Options &options, Figures &figures);
+// One publisher, many watchers: the time until the last was told, and what is told in a second.
+void measure_fan_out(const Options &options, Figures &figures);
+// What a service and an idle session take.
+void measure_memory(const Options &options, Figures &figures);
+
+using Clock = std::chrono::steady_clock;
+inline double seconds_since(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Calls measure(kind) for both servers in each run, in alternating order.
+template <typename Function> void alternate(int runs, Function &&measure) {
+    for (int run = 0; run < runs; run++) {
+        const bool daemon_first = run % 2 == 0;
+        measure(daemon_first ? Kind::daemon : Kind::null_server);
+        measure(daemon_first ? Kind::null_server : Kind::daemon);
+    }
+}
+
+} // namespace ds::bench
