@@ -2,8 +2,10 @@
 
 find_program(CCACHE ccache)
 if(CCACHE)
-  set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+  # The setting lets precompiled headers hit the cache.
+  set(DS_LAUNCHER ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${CCACHE})
+  set(CMAKE_C_COMPILER_LAUNCHER ${DS_LAUNCHER})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${DS_LAUNCHER})
 endif()
 
 add_library(ds_options INTERFACE)

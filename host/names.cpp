@@ -1,5 +1,6 @@
 #include "host/names.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 
@@ -45,6 +46,11 @@ std::uint32_t next_character(std::string_view text, std::size_t &at) {
     return character < smallest || character > 0x10ffff || surrogate ? malformed : character;
 }
 
+// ASCII that every rule allows; most names hold nothing else.
+bool is_plain(char c) {
+    return c >= 0x20 && c < 0x7f && c != instance_end;
+}
+
 bool is_control(std::uint32_t character) {
     return character < 0x20 || (character >= 0x7f && character <= 0x9f);
 }
@@ -74,6 +80,7 @@ std::string wrong_character(const TextRule &rule, std::uint32_t character, std::
 std::string check_text(const TextRule &rule, std::string_view text) {
     if (text.size() < rule.bytes_min || text.size() > rule.bytes_max)
         return wrong_length(rule, text);
+    if (std::ranges::all_of(text, is_plain)) return {};
     for (std::size_t at = 0; at < text.size();) {
         const std::size_t start = at;
         const std::uint32_t character = next_character(text, at);

@@ -75,10 +75,9 @@ void set_endpoint(ds_service_info_t &entry, const v1::Endpoint &endpoint) {
     const std::uint32_t type = is_path ? DS_EP_TYPE_PATH : DS_EP_TYPE_IP;
     VIDL_SET(&entry, ep_type, DS_SINFO_BIT_EP_TYPE, type);
 
-    constexpr std::uint32_t path_overhead = DS_ENDPOINT_PATH_BYTES_MAX - 4000;
-    const auto capacity = is_path
-                              ? static_cast<std::uint32_t>(endpoint.path().size()) + path_overhead
-                              : static_cast<std::uint32_t>(DS_ENDPOINT_IP_BYTES);
+    const auto capacity =
+        is_path ? static_cast<std::uint32_t>(endpoint.path().size()) + DS_ENDPOINT_PATH_HEADER_BYTES
+                : static_cast<std::uint32_t>(DS_ENDPOINT_IP_BYTES);
     entry.ep_addr = allocate<std::uint8_t>(capacity);
     const std::int32_t written =
         is_path ? ds_encode_path(endpoint.path().data(), endpoint.path().size(), entry.ep_addr,

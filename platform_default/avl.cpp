@@ -34,6 +34,19 @@ using algorithms = boost::intrusive::avltree_algorithms<node_traits>;
 // The algorithms never look at the header's balance; this value there tells it from a member.
 constexpr std::int64_t header_mark = std::numeric_limits<std::int64_t>::min();
 
+// Where the last search ended: at the node itself, or at the leaf beside which it would stand. A
+// look-up is often followed by the insertion of what was not found, or by another look-up of what
+// was; those then need no descent. Only ever a hint: it is checked against the key before use, and
+// forgotten when its node leaves the tree.
+struct {
+    const avl_root_t *root;
+    avl_node_t *node;
+} last_search;
+
+void forget(const avl_root_t *root) {
+    if (last_search.root == root) last_search = {};
+}
+
 struct search_key {
     const void *key;
 };
@@ -48,25 +61,49 @@ struct node_order {
     }
 };
 
+// Whether the key belongs directly below the node where the last search ended; `place` is set then.
+bool is_place_known(const avl_root_t *root, const void *key, avl_compare_fn compare,
+                    algorithms::insert_commit_data &place) {
+    avl_node_t *leaf = last_search.node;
+    if (last_search.root != root || leaf == nullptr) return false;
+    const int order = compare(key, leaf);
+    const bool is_left = order == AVL_LESS;
+    if (order == AVL_EQUAL || (is_left ? leaf->left : leaf->right) != nullptr) return false;
+    // The neighbour on the other side has to be on the other side of the key.
+    const avl_node_t *outermost = is_left ? root->header.left : root->header.right;
+    if (leaf != outermost) {
+        const avl_node_t *neighbour =
+            is_left ? algorithms::prev_node(leaf) : algorithms::next_node(leaf);
+        if (compare(key, neighbour) != (is_left ? AVL_GREATER : AVL_LESS)) return false;
+    }
+    place.link_left = is_left;
+    place.node = leaf;
+    return true;
+}
+
 } // namespace
 
 int avl_insert(avl_root_t *root, const void *key, avl_node_t *node, avl_compare_fn compare) {
     if (root == nullptr || key == nullptr || node == nullptr || compare == nullptr) return -1;
     if (root->count == 0) {
+        forget(root);
         algorithms::init_header(&root->header);
         root->header.balance = header_mark;
     }
     algorithms::insert_commit_data place;
-    if (!algorithms::insert_unique_check(&root->header, search_key{key}, node_order{compare}, place)
+    if (!is_place_known(root, key, compare, place) &&
+        !algorithms::insert_unique_check(&root->header, search_key{key}, node_order{compare}, place)
              .second)
         return -1;
     algorithms::insert_unique_commit(&root->header, node, place);
     root->count++;
+    last_search = {root, node};
     return 0;
 }
 
 void avl_delete(avl_root_t *root, avl_node_t *node) {
     if (root == nullptr || node == nullptr || root->count == 0) return;
+    if (last_search.node == node) last_search = {};
     algorithms::erase(&root->header, node);
     *node = avl_node_t{};
     if (--root->count == 0) root->header = avl_node_t{};
@@ -74,13 +111,20 @@ void avl_delete(avl_root_t *root, avl_node_t *node) {
 
 avl_node_t *avl_search(avl_root_t *root, const void *key, avl_compare_fn compare) {
     if (root == nullptr || key == nullptr || compare == nullptr) return nullptr;
-    avl_node_t *node = root->header.parent;
-    while (node != nullptr) {
-        const int order = compare(key, node);
-        if (order == AVL_EQUAL) return node;
-        node = order == AVL_LESS ? node->left : node->right;
+    if (root->count == 0) return nullptr;
+    if (last_search.root == root && compare(key, last_search.node) == AVL_EQUAL)
+        return last_search.node;
+    avl_node_t *at = root->header.parent;
+    for (;;) {
+        const int order = compare(key, at);
+        avl_node_t *below = order == AVL_LESS ? at->left : at->right;
+        if (order != AVL_EQUAL && below != nullptr) {
+            at = below;
+            continue;
+        }
+        last_search = {root, at};
+        return order == AVL_EQUAL ? at : nullptr;
     }
-    return nullptr;
 }
 
 avl_node_t *avl_get_first(avl_root_t *root) {

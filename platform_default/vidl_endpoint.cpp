@@ -12,7 +12,7 @@ using ds::platform::endpoint_tag_path;
 using ds::platform::get_integer;
 using ds::platform::put_integer;
 
-constexpr std::uint64_t path_header_bytes = 4; // tag, zero, length
+constexpr std::uint64_t path_header_bytes = DS_ENDPOINT_PATH_HEADER_BYTES; // tag, zero, length
 constexpr std::uint64_t path_text_bytes_max = 4000;
 static_assert(path_header_bytes + path_text_bytes_max <= DS_ENDPOINT_PATH_BYTES_MAX);
 

@@ -28,11 +28,20 @@ std::vector<double> round_trips_us(Link &link, v1::Request &request, double seco
     return samples;
 }
 
+// What a publisher publishes: always new names, so that the directory grows, or changes of a
+// thousand names, as in a directory that is in use.
+struct Load {
+    const char *name;
+    std::size_t counting_digits; // of a name, from its end
+};
+constexpr Load fresh_names = {"new", 10};
+constexpr Load known_names = {"change", 3};
+
 // A client that always has as many unanswered publications as allowed.
 class Publisher {
   public:
-    Publisher(const std::string &socket, std::size_t number)
-        : link_(socket), request_(publish_request()) {
+    Publisher(const std::string &socket, std::size_t number, const Load &load)
+        : link_(socket), request_(publish_request()), counting_digits_(load.counting_digits) {
         request_.mutable_publish()->set_name("bench/" + std::to_string(number) + "/0000000000");
     }
 
@@ -58,14 +67,16 @@ class Publisher {
     // than the server.
     void count_up() {
         std::string &name = *request_.mutable_publish()->mutable_name();
-        std::size_t at = name.size() - 1;
-        for (; name[at] == '9'; at--)
-            name[at] = '0';
-        name[at]++;
+        for (std::size_t at = 1; at <= counting_digits_; at++) {
+            char &digit = name[name.size() - at];
+            digit = digit == '9' ? '0' : static_cast<char>(digit + 1);
+            if (digit != '0') return;
+        }
     }
 
     Link link_;
     v1::Request request_;
+    std::size_t counting_digits_;
     std::size_t outstanding_ = 0;
     std::uint64_t answered_ = 0;
 };
@@ -73,9 +84,9 @@ class Publisher {
 // All publishers run in this one thread: it serves whoever has answers waiting.
 class Publishers {
   public:
-    Publishers(const std::string &socket, std::size_t count) {
+    Publishers(const std::string &socket, std::size_t count, const Load &load) {
         for (std::size_t i = 0; i < count; i++) {
-            publishers_.emplace_back(socket, i);
+            publishers_.emplace_back(socket, i, load);
             items_.push_back({publishers_.back().fd(), POLLIN, 0});
         }
     }
@@ -107,11 +118,12 @@ class Publishers {
     std::vector<pollfd> items_;
 };
 
-void measure_publishers(const Options &options, Figures &figures, std::size_t clients) {
-    const std::string prefix = "pipelined_" + std::to_string(clients) + "_";
+void measure_publishers(const Options &options, Figures &figures, std::size_t clients,
+                        const Load &load) {
+    const std::string prefix = "pipelined_" + std::to_string(clients) + "_" + load.name + "_";
     alternate(options.runs, [&](Kind kind) {
         const ServerProcess server(options.programs, kind);
-        Publishers publishers(server.socket(), clients);
+        Publishers publishers(server.socket(), clients, load);
         publishers.run(options.seconds * warm_up_share);
         const std::uint64_t answered_before = publishers.answered();
         const double cpu_before = server.cpu_seconds();
@@ -144,7 +156,8 @@ void measure_round_trip(const Options &options, Figures &figures) {
 
 void measure_pipelined(const Options &options, Figures &figures) {
     for (const std::size_t clients : {std::size_t{1}, std::size_t{4}})
-        measure_publishers(options, figures, clients);
+        for (const Load &load : {fresh_names, known_names})
+            measure_publishers(options, figures, clients, load);
 }
 
 } // namespace ds::bench

@@ -63,7 +63,11 @@ void mgd_timer_release(mgd_timer_t *timer);
 
 /* ---- endpoint encodings (the byte formats are described in docs/formats.md) ---- */
 
-enum { DS_ENDPOINT_IP_BYTES = 8, DS_ENDPOINT_PATH_BYTES_MAX = 4096 };
+enum {
+    DS_ENDPOINT_IP_BYTES = 8,
+    DS_ENDPOINT_PATH_HEADER_BYTES = 4, /* before the path's own bytes */
+    DS_ENDPOINT_PATH_BYTES_MAX = 4096
+};
 
 /* Writes the encoding of an IPv4 endpoint: DS_ENDPOINT_IP_BYTES bytes. address: most significant
    byte first octet; port 0..65535. Returns the bytes written, -1 when capacity is too small or the

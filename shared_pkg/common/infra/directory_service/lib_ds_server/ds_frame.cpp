@@ -65,24 +65,6 @@ ds_globals_t *ds_globals_get(void) {
     return ds_globals_p;
 }
 
-uint64_t ds_slot(uint32_t slot) {
-    const ds_globals_t *block = ds_globals_get();
-    return block == NULL ? 0 : block->slot[slot];
-}
-
-ds_db_t *ds_db_context(void) {
-    return reinterpret_cast<ds_db_t *>(ds_slot(DS_GLOBAL_SLOT_DB));
-}
-
-ds_node_t *ds_local_node(void) {
-    return reinterpret_cast<ds_node_t *>(ds_slot(DS_GLOBAL_SLOT_LOCAL_NODE));
-}
-
-int ds_timer_running(uint32_t slot) {
-    mgd_timer_t *timer = reinterpret_cast<mgd_timer_t *>(ds_slot(slot));
-    return timer != NULL && mgd_timer_leaf_running(timer) != 0;
-}
-
 uint64_t ds_hash_string(const void *bytes, uint64_t length) {
     if (bytes == NULL) length = 0;
     const unsigned char *at = static_cast<const unsigned char *>(bytes);
@@ -94,10 +76,6 @@ uint64_t ds_hash_string(const void *bytes, uint64_t length) {
 
 const zul_msg_rec_t *zul_msg_rec_directory_service_duplicated_service_getfn(void) {
     return &zul_msg_rec_directory_service_duplicated_service;
-}
-
-FILE *ds_console(void) {
-    return reinterpret_cast<FILE *>(ds_slot(DS_GLOBAL_SLOT_CONSOLE));
 }
 
 #ifdef __clang__

@@ -112,11 +112,20 @@ static inline int ds_is_replicated(uint32_t scope) {
 
 /* ---- global state: all answer 0 or null while no block is installed ---- */
 
-uint64_t ds_slot(uint32_t slot); /* slot: DS_GLOBAL_SLOT_* */
-ds_db_t *ds_db_context(void);    /* slot 14 */
-ds_node_t *ds_local_node(void);  /* slot 39 */
+static inline uint64_t ds_slot(uint32_t slot) { /* slot: DS_GLOBAL_SLOT_* */
+    return ds_globals_p == NULL ? 0 : ds_globals_p->slot[slot];
+}
+static inline ds_db_t *ds_db_context(void) { /* slot 14 */
+    return (ds_db_t *)(uintptr_t)ds_slot(DS_GLOBAL_SLOT_DB);
+}
+static inline ds_node_t *ds_local_node(void) { /* slot 39 */
+    return (ds_node_t *)(uintptr_t)ds_slot(DS_GLOBAL_SLOT_LOCAL_NODE);
+}
 /* Whether the restart timer in that slot runs; the timer is asked only when there is one. */
-int ds_timer_running(uint32_t slot);
+static inline int ds_timer_running(uint32_t slot) {
+    mgd_timer_t *timer = (mgd_timer_t *)(uintptr_t)ds_slot(slot);
+    return timer != NULL && mgd_timer_leaf_running(timer) != 0;
+}
 
 /* ---- memory ---- */
 
@@ -137,7 +146,9 @@ char *ds_copy_text(const char *text, size_t length);
 /* ---- console ---- */
 
 /* The stream of slot 16; null for none. */
-FILE *ds_console(void);
+static inline FILE *ds_console(void) {
+    return (FILE *)(uintptr_t)ds_slot(DS_GLOBAL_SLOT_CONSOLE);
+}
 /* One line: local time, thread and function, then the formatted body, then a newline. Lines of two
    threads may mix at these joints. */
 void ds_console_line(FILE *console, const char *function, const char *format, ...);
