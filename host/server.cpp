@@ -8,7 +8,8 @@ namespace ds::host {
 
 namespace {
 
-constexpr std::uint64_t drain_ns = 1'000'000'000;
+constexpr std::uint64_t stop_ns = 1'000'000'000;  // for what is queued when the daemon stops
+constexpr std::uint64_t drain_ns = 5'000'000'000; // for what is queued when one session ends
 constexpr std::uint64_t ns_per_ms = 1'000'000;
 
 } // namespace
@@ -16,7 +17,8 @@ constexpr std::uint64_t ns_per_ms = 1'000'000;
 Server::Server(Loop &loop, const Config &config, relay::Engine &engine, UniqueFd listening_socket)
     : loop_(loop), config_(config), engine_(engine),
       directory_(loop, *this, engine, config.node, config.console ? stderr : nullptr),
-      requests_(*this), resume_alarm_([this] { resume(); }), drain_alarm_([this] { loop_.stop(); }),
+      requests_(*this), resume_alarm_([this] { resume(); }),
+      drain_alarm_([this] { end_overdue_drains(); }), stop_alarm_([this] { loop_.stop(); }),
       started_ns_(loop.now_ns()) {
     if (listening_socket)
         listener_.emplace(loop_, std::move(listening_socket),
@@ -27,6 +29,7 @@ Server::Server(Loop &loop, const Config &config, relay::Engine &engine, UniqueFd
 Server::~Server() {
     loop_.disarm(resume_alarm_);
     loop_.disarm(drain_alarm_);
+    loop_.disarm(stop_alarm_);
 }
 
 void Server::accept(UniqueFd connection) {
@@ -43,7 +46,7 @@ void Server::stop() {
     is_stopping_ = true;
     listener_.reset();
     sessions_.for_each([](Session &session) { session.drain(); });
-    loop_.arm(drain_alarm_, loop_.now_ns() + drain_ns);
+    loop_.arm(stop_alarm_, loop_.now_ns() + stop_ns);
 }
 
 std::uint64_t Server::uptime_ms() const {
@@ -84,6 +87,20 @@ void Server::resume() {
     const std::vector<std::uint64_t> ids = std::exchange(to_resume_, {});
     for (const std::uint64_t id : ids)
         if (Session *session = sessions_.find(id)) session->handle_held_requests();
+}
+
+void Server::limit_drain(const Session &session) {
+    drains_.push_back({loop_.now_ns() + drain_ns, session.id()});
+    if (!drain_alarm_.is_armed()) loop_.arm(drain_alarm_, drains_.front().deadline_ns);
+}
+
+void Server::end_overdue_drains() {
+    const std::uint64_t now_ns = loop_.now_ns();
+    while (!drains_.empty() && drains_.front().deadline_ns <= now_ns) {
+        if (Session *session = sessions_.find(drains_.front().session)) session->gone();
+        drains_.pop_front();
+    }
+    if (!drains_.empty()) loop_.arm(drain_alarm_, drains_.front().deadline_ns);
 }
 
 void Server::end_turn() {

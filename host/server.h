@@ -7,6 +7,7 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <vector>
 
@@ -52,6 +53,8 @@ class Server final : private DirectoryClients {
     void flush_later(Session &session) { to_flush_.push_back(&session); }
     void resume_later(const Session &session);
     void remove_later(const Session &session) { to_remove_.push_back(session.id()); }
+    // Lets go of an ended session that does not take its last bytes in time.
+    void limit_drain(const Session &session);
 
   private:
     void on_registration_changed(std::uint64_t argument) override;
@@ -59,6 +62,7 @@ class Server final : private DirectoryClients {
     const char *process_name(std::uint64_t client) override;
 
     void resume();
+    void end_overdue_drains();
     void end_turn();
     void remove_gone();
 
@@ -74,8 +78,14 @@ class Server final : private DirectoryClients {
     std::vector<Session *> flushing_;
     std::vector<std::uint64_t> to_resume_;
     std::vector<std::uint64_t> to_remove_;
+    struct Drain {
+        std::uint64_t deadline_ns;
+        std::uint64_t session;
+    };
+    std::deque<Drain> drains_; // in the order of their deadlines
     Alarm resume_alarm_;
     Alarm drain_alarm_;
+    Alarm stop_alarm_;
     std::uint64_t started_ns_;
     bool is_stopping_ = false;
 };

@@ -16,7 +16,7 @@ namespace ds::host {
 namespace {
 
 constexpr std::size_t read_bytes_max = 65'536; // of one session in one turn
-constexpr long pid_limit = 4'194'304;             // the kernel's largest
+constexpr long pid_limit = 4'194'304;          // the kernel's largest
 
 // Shared by all sessions: what is not handled at once is copied by the session's reader.
 std::array<char, read_bytes_max> read_buffer;
@@ -136,6 +136,7 @@ void Session::end() {
     if (!is_reading()) return;
     depart();
     drain();
+    server_.limit_drain(*this);
 }
 
 void Session::drain() {

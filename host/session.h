@@ -69,6 +69,7 @@ class Session final : public Handler {
 
     void end();    // the client departs; what is queued is still sent
     void drain();  // the same without the departure: the whole directory stops
+    void gone();   // nothing more is sent
     void depart(); // out of the directory, now
     bool is_gone() const { return state_ == State::gone; }
 
@@ -85,7 +86,6 @@ class Session final : public Handler {
     bool is_reading() const { return state_ == State::greeting || state_ == State::open; }
     void schedule();
     void update_interest();
-    void gone();
 
     Server &server_;
     const std::uint64_t id_;

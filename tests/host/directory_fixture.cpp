@@ -15,10 +15,20 @@ namespace {
 
 constexpr int turns_max = 10'000; // a test that waits for longer waits in vain
 
+std::uint64_t skipped_ns = 0;
+
+std::uint64_t shared_time_ns() {
+    return Loop::monotonic_ns() + skipped_ns;
+}
+
 } // namespace
 
+void advance_time(std::uint64_t ns) {
+    skipped_ns += ns;
+}
+
 Loop &shared_loop() {
-    static Loop loop;
+    static Loop loop(shared_time_ns);
     return loop;
 }
 

@@ -16,6 +16,7 @@ namespace ds::host {
 
 Server &shared_server();
 Loop &shared_loop();
+void advance_time(std::uint64_t ns); // of the shared loop
 
 v1::Publish a_publication(std::string name, std::string instance = {});
 

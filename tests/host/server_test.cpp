@@ -234,6 +234,34 @@ TEST(Server, a_half_closed_connection_still_gets_its_answers) {
     EXPECT_TRUE(client.is_disconnected());
 }
 
+TEST(Server, an_ended_session_that_does_not_take_its_last_bytes_is_let_go) {
+    Client publisher, hog(1);
+    publisher.hello();
+    hog.hello();
+    v1::Request request = publish_request("server.unread");
+    request.mutable_publish()->set_scope(v1::SCOPE_LOCAL);
+    request.mutable_publish()->mutable_endpoint()->set_path("/" + std::string(3999, 'p'));
+    publisher.call(request);
+    v1::Request list;
+    list.mutable_list()->set_name("server.unread");
+    for (int i = 0; i < 20; i++)
+        hog.send(list);
+    shutdown(hog.fd(), SHUT_WR);
+    for (int i = 0; i < 10; i++)
+        shared_loop().turn(0);
+    const std::uint32_t while_draining = shared_server().sessions().count();
+
+    advance_time(4'000'000'000);
+    shared_loop().turn(0);
+    const std::uint32_t in_time = shared_server().sessions().count();
+    advance_time(2'000'000'000);
+    shared_loop().turn(0);
+
+    EXPECT_EQ(while_draining, 2u);
+    EXPECT_EQ(in_time, 2u);
+    EXPECT_EQ(shared_server().sessions().count(), 1u);
+}
+
 TEST(Server, the_status_tells_what_is_there) {
     Client client, watcher;
     client.hello();
