@@ -133,6 +133,17 @@ Outbound::Result Outbound::send(int fd, Output &output) {
     return Result::done;
 }
 
+Outbound::Result Outbound::send_answers(int fd) {
+    while (unsent_bytes() > 0) {
+        const ssize_t sent = ::send(fd, replies_.data() + replies_sent_, unsent_bytes(),
+                                    MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0 && errno == EINTR) continue;
+        if (sent < 0) return errno == EAGAIN ? Result::blocked : Result::broken;
+        drop_sent_replies(static_cast<std::size_t>(sent));
+    }
+    return Result::done;
+}
+
 void Outbound::collect(Output &output) {
     Gather &gather = output.gather;
     gather.start(std::string_view(replies_).substr(replies_sent_));

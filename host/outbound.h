@@ -95,6 +95,8 @@ class Outbound {
 
     // Sends what there is; blocked: the rest has to wait until the socket is writable.
     Result send(int fd, Output &output);
+    // Sends answers only: what is to be told of elements may still change in this turn.
+    Result send_answers(int fd);
 
     std::size_t unsent_bytes() const { return replies_.size() - replies_sent_; }
     bool has_anything() const { return unsent_bytes() > 0 || pending_.front() != nullptr; }

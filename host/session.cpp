@@ -16,6 +16,7 @@ namespace ds::host {
 namespace {
 
 constexpr std::size_t read_bytes_max = 65'536; // of one session in one turn
+constexpr int requests_per_portion = 32;       // whose answers are sent together
 constexpr long pid_limit = 4'194'304;          // the kernel's largest
 
 // Shared by all sessions: what is not handled at once is copied by the session's reader.
@@ -191,9 +192,17 @@ void Session::handle_held_requests() {
     handle({});
 }
 
+void Session::send_answers() {
+    if (is_blocked_) return;
+    const Outbound::Result result = outbound_.send_answers(fd_.get());
+    if (result == Outbound::Result::broken) return gone();
+    is_blocked_ = result == Outbound::Result::blocked;
+}
+
 void Session::handle(std::string_view bytes) {
     reader_.supply(bytes);
-    while (is_reading()) {
+    for (int handled = 0; is_reading(); handled++) {
+        if (handled > 0 && handled % requests_per_portion == 0) send_answers();
         is_paused_ = outbound_.unsent_bytes() > answers_bytes_max;
         if (is_paused_) break;
         std::string_view message;

@@ -57,7 +57,8 @@ class Session final : public Handler {
     void drop_registration(Registration &registration);
     Registration *find_registration(std::uint32_t handle);
 
-    // ---- sending; everything leaves at the end of the turn ----
+    // ---- sending; everything leaves at the end of the turn, but for the answers to a long run of
+    // requests, which leave in portions so that the client can go on meanwhile ----
 
     // Where whole frames are appended.
     std::string &replies();
@@ -83,6 +84,7 @@ class Session final : public Handler {
 
     void read();
     void handle(std::string_view bytes);
+    void send_answers();
     bool is_reading() const { return state_ == State::greeting || state_ == State::open; }
     void schedule();
     void update_interest();

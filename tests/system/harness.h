@@ -113,7 +113,6 @@ struct Launch {
     int out = -1;                         // descriptors it gets as stdout and stderr
     int err = -1;
     rlim_t descriptors_max = 0; // 0: as the test has
-    bool as_nobody = false;
 };
 Process launch(const Launch &launch);
 

