@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
+#include <memory>
 #include <new>
 
 #include "host/names.h"
@@ -15,17 +15,23 @@ namespace {
 
 constexpr std::uint32_t port_max = 65535;
 
-// Zero-filled memory that the directory may release with free(). Not by calloc(), which passes by
-// the allocator's cache of small blocks.
-template <typename T> T *allocate(std::size_t count) {
-    auto *memory = static_cast<T *>(std::malloc(count * sizeof(T)));
+// Memory that the directory may release with free(). Not from calloc(), which passes by the
+// allocator's cache of small blocks.
+void *allocate(std::size_t bytes) {
+    void *memory = std::malloc(bytes);
     if (memory == nullptr) throw std::bad_alloc();
-    return static_cast<T *>(std::memset(memory, 0, count * sizeof(T)));
+    return memory;
+}
+
+template <typename T> T *allocate_cleared(std::size_t count) {
+    auto *memory = static_cast<T *>(allocate(count * sizeof(T)));
+    std::uninitialized_value_construct_n(memory, count);
+    return memory;
 }
 
 char *allocate_text(std::string_view text, std::string_view ending = {}) {
-    char *copy = allocate<char>(text.size() + ending.size() + 1);
-    std::ranges::copy(ending, std::ranges::copy(text, copy).out);
+    auto *copy = static_cast<char *>(allocate(text.size() + ending.size() + 1));
+    *std::ranges::copy(ending, std::ranges::copy(text, copy).out).out = '\0';
     return copy;
 }
 
@@ -65,7 +71,7 @@ void set_attributes(ds_service_info_t &entry, const v1::Publish &publish) {
         publish.ha_role() != 0 || publish.issu_role() != 0 || publish.issu_id() != 0;
     if (!has_any) return;
     constexpr std::size_t kinds = 3;
-    entry.attrs = allocate<ds_service_attr_t>(kinds);
+    entry.attrs = allocate_cleared<ds_service_attr_t>(kinds);
     VIDL_SET_BIT(&entry, DS_SINFO_BIT_ATTRS);
     add_attribute(entry, DS_ATTR_HA_ROLE, static_cast<std::uint32_t>(publish.ha_role()));
     add_attribute(entry, DS_ATTR_ISSU_ROLE, static_cast<std::uint32_t>(publish.issu_role()));
@@ -80,7 +86,7 @@ void set_endpoint(ds_service_info_t &entry, const v1::Endpoint &endpoint) {
     const auto capacity =
         is_path ? static_cast<std::uint32_t>(endpoint.path().size()) + DS_ENDPOINT_PATH_HEADER_BYTES
                 : static_cast<std::uint32_t>(DS_ENDPOINT_IP_BYTES);
-    entry.ep_addr = allocate<std::uint8_t>(capacity);
+    entry.ep_addr = static_cast<std::uint8_t *>(allocate(capacity));
     const std::int32_t written =
         is_path ? ds_encode_path(endpoint.path().data(), endpoint.path().size(), entry.ep_addr,
                                  capacity)
@@ -115,9 +121,10 @@ void PublishInfoDeleter::operator()(ds_service_publish_info *info) const {
 }
 
 PublishInfo make_publish_info(const v1::Publish &publish) {
-    PublishInfo info(allocate<ds_service_publish_info>(1));
+    PublishInfo info(allocate_cleared<ds_service_publish_info>(1));
     VIDL_SET(info.get(), service_name, DS_PINFO_BIT_NAME, allocate_text(publish.name()));
-    VIDL_SET_ARRAY(info.get(), entries, DS_PINFO_BIT_ENTRIES, allocate<ds_service_info_t>(1), 1);
+    VIDL_SET_ARRAY(info.get(), entries, DS_PINFO_BIT_ENTRIES,
+                   allocate_cleared<ds_service_info_t>(1), 1);
 
     ds_service_info_t &entry = info->entries[0];
     set_endpoint(entry, publish.endpoint());

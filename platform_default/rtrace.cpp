@@ -29,11 +29,8 @@ struct channel {
 
 // The arguments of one record, before there is room for them.
 struct gathered {
-    struct {
-        std::uint64_t word; // of 'd' and 'D'
-        const char *text;   // of 's'
-        std::uint32_t text_bytes;
-    } arguments[arguments_max];
+    std::uint64_t words[arguments_max];      // of 'd' and 'D' the value, of 's' the address
+    std::uint32_t text_bytes[arguments_max]; // of 's'
     std::uint32_t count;
     std::uint32_t types;
     std::uint32_t bytes; // of the whole record
@@ -44,39 +41,43 @@ std::uint32_t string_slot_bytes(std::uint32_t text_bytes) {
     return aligned_record_bytes(static_cast<std::uint32_t>(sizeof(std::uint32_t)) + text_bytes);
 }
 
-void gather_string(gathered &record, const char *text) {
-    auto &argument = record.arguments[record.count];
+void gather_string(gathered &record, std::uint32_t index, const char *text) {
     if (text == nullptr) text = "(null)";
-    const std::size_t length = strnlen(text, string_bytes_max + 1);
-    if (length > string_bytes_max) record.flags |= record_is_truncated;
-    argument.text = text;
-    argument.text_bytes =
-        static_cast<std::uint32_t>(std::min<std::size_t>(length, string_bytes_max));
-    record.bytes += string_slot_bytes(argument.text_bytes);
+    auto length = static_cast<std::uint32_t>(strnlen(text, string_bytes_max + 1));
+    if (length > string_bytes_max) {
+        length = string_bytes_max;
+        record.flags |= record_is_truncated;
+    }
+    record.words[index] = reinterpret_cast<std::uint64_t>(text);
+    record.text_bytes[index] = length;
+    record.bytes += string_slot_bytes(length);
 }
 
 // An argument that cannot be kept ends the record, which is then flagged: without its letter the
 // place of the next one is unknown.
 void gather(gathered &record, const char *signature, va_list arguments) {
-    for (; *signature != '\0'; signature++) {
-        if (record.count == arguments_max) break;
+    std::uint32_t index = 0;
+    for (; index < arguments_max; index++) {
+        const char letter = signature[index];
         std::uint32_t type = type_string;
-        if (*signature == 's') {
-            gather_string(record, va_arg(arguments, const char *));
-        } else if (*signature == 'd' || *signature == 'D') {
-            type = *signature == 'd' ? type_int : type_long;
-            const std::int64_t value = type == type_int
-                                           ? static_cast<std::int64_t>(va_arg(arguments, int))
-                                           : va_arg(arguments, std::int64_t);
-            record.arguments[record.count].word = static_cast<std::uint64_t>(value);
+        if (letter == 's') {
+            gather_string(record, index, va_arg(arguments, const char *));
+        } else if (letter == 'd') {
+            type = type_int;
+            record.words[index] =
+                static_cast<std::uint64_t>(static_cast<std::int64_t>(va_arg(arguments, int)));
+            record.bytes += static_cast<std::uint32_t>(sizeof(std::uint64_t));
+        } else if (letter == 'D') {
+            type = type_long;
+            record.words[index] = va_arg(arguments, std::uint64_t);
             record.bytes += static_cast<std::uint32_t>(sizeof(std::uint64_t));
         } else {
             break;
         }
-        record.types |= type << (2 * record.count);
-        record.count++;
+        record.types |= type << (2 * index);
     }
-    if (*signature != '\0') record.flags |= record_is_truncated;
+    record.count = index;
+    if (signature[index] != '\0') record.flags |= record_is_truncated;
 }
 
 // Bytes from the tail to the next record.
@@ -121,16 +122,17 @@ void skip_short_rest(channel *ring, std::uint64_t bytes) {
 }
 
 void write_arguments(const gathered &record, unsigned char *at) {
-    for (std::uint32_t i = 0; i < record.count; i++) {
-        const auto &argument = record.arguments[i];
-        if (((record.types >> (2 * i)) & 3u) != type_string) {
-            std::memcpy(at, &argument.word, sizeof argument.word);
-            at += sizeof argument.word;
+    std::uint32_t types = record.types;
+    for (std::uint32_t i = 0; i < record.count; i++, types >>= 2) {
+        if ((types & 3u) != type_string) {
+            std::memcpy(at, &record.words[i], sizeof record.words[i]);
+            at += sizeof record.words[i];
             continue;
         }
-        std::memcpy(at, &argument.text_bytes, sizeof argument.text_bytes);
-        std::memcpy(at + sizeof argument.text_bytes, argument.text, argument.text_bytes);
-        at += string_slot_bytes(argument.text_bytes);
+        const std::uint32_t length = record.text_bytes[i];
+        std::memcpy(at, &length, sizeof length);
+        std::memcpy(at + sizeof length, reinterpret_cast<const char *>(record.words[i]), length);
+        at += string_slot_bytes(length);
     }
 }
 
