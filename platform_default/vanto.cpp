@@ -61,6 +61,7 @@ int vanto_protected_hashtable_init(vanto_protected_hashtable_t *table, uint32_t 
     storage *store =
         buckets == nullptr ? nullptr : new (std::nothrow) storage(buckets, bucket_count);
     if (lock == nullptr || store == nullptr) {
+        delete store;
         delete[] buckets;
         delete lock;
         return -1;

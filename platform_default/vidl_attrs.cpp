@@ -12,14 +12,14 @@ using ds::platform::put_integer;
 
 constexpr std::uint32_t attributes_max = 64;
 constexpr std::uint32_t list_header_bytes = 2; // tag, count
-constexpr std::uint32_t attribute_bytes = 17;  // presence, type, value, further
+constexpr std::size_t attribute_bytes = 17;  // presence, type, value, further
 constexpr std::uint8_t presence_known = (1u << DS_ATTR_NFIELDS) - 1;
 
 // The caller reserves room per attribute; the encoding of a list must stay within it.
 constexpr std::uint32_t caller_bytes_per_attribute = 536;
 static_assert(list_header_bytes + attribute_bytes <= caller_bytes_per_attribute);
 
-std::uint32_t encoded_bytes(std::uint32_t count) {
+std::size_t encoded_bytes(std::uint32_t count) {
     return count == 0 ? 0 : list_header_bytes + count * attribute_bytes;
 }
 
