@@ -44,9 +44,9 @@ format: ## format every source
 
 lint: ## clang-tidy over the product's sources
 	@tools/setup.sh build test lint
-	@tools/build.sh dev
+	@tools/build.sh asan
 	@git ls-files 'shared_pkg/*.cpp' 'platform_default/*.cpp' 'proto/*.cpp' 'host/*.cpp' 'relay/*.cpp' \
-	  'client/*.cpp' 'cli/*.cpp' | xargs -P 2 -n 4 clang-tidy --quiet -p build/dev
+	  'client/*.cpp' 'cli/*.cpp' | xargs -P 2 -n 4 clang-tidy --quiet -p build/asan
 
 coverage: ## line and branch coverage of the library, by its unit tests
 	@tools/setup.sh build test coverage

@@ -62,11 +62,11 @@ std::string Context::socket_path() const {
 }
 
 std::string default_socket() {
-    const std::string chosen = variable("DS_SOCKET");
+    std::string chosen = variable("DS_SOCKET");
     if (!chosen.empty()) return chosen;
     if (::access(system_socket, F_OK) == 0) return system_socket;
     const std::string runtime = variable("XDG_RUNTIME_DIR");
-    const std::string own = runtime + "/ds/ds.sock";
+    std::string own = runtime + "/ds/ds.sock";
     if (!runtime.empty() && ::access(own.c_str(), F_OK) == 0) return own;
     return system_socket;
 }

@@ -55,7 +55,7 @@ std::string issu_text(v1::IssuRole role) {
 }
 
 std::string issu_cell(const v1::Instance &instance) {
-    const std::string role = issu_text(instance.issu_role());
+    std::string role = issu_text(instance.issu_role());
     if (instance.issu_id() == 0) return role;
     return role + '/' + std::to_string(instance.issu_id());
 }

@@ -22,7 +22,7 @@ using std::chrono::duration_cast;
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
 
-constexpr std::size_t read_bytes_min = 64 * 1024;
+constexpr std::size_t read_bytes_min = 65'536;
 constexpr std::size_t kept_capacity_max = 4 * proto::frame_bytes_max; // of an empty buffer
 
 Outcome failed(Failure failure, std::string text) {

@@ -56,8 +56,9 @@ void run_command(const std::string &command, const sigset_t &mask,
         }
     }
     for (const auto &[name, value] : variables)
-        settings.push_back(name + '=' + value);
+        settings.push_back(std::string(name).append(1, '=').append(value));
     std::vector<char *> environment;
+    environment.reserve(settings.size() + 1);
     for (std::string &setting : settings)
         environment.push_back(setting.data());
     environment.push_back(nullptr);
