@@ -2,8 +2,9 @@
 
 MAKEFLAGS += --no-print-directory
 BENCH_ARGS ?=
+SECONDS ?= 30
 
-.PHONY: help setup build run test test-dev test-asan bench docs format lint coverage clean
+.PHONY: help setup build run test test-dev test-asan fuzz bench docs format lint coverage clean
 
 help: ## show this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-10s %s\n", $$1, $$2 }' Makefile
@@ -29,6 +30,10 @@ test-asan: ## the suite, built with clang++ and the address and undefined behavi
 	@tools/setup.sh build test
 	@tools/build.sh asan
 	@ctest --preset asan
+
+fuzz: ## fuzz each target for SECONDS (30) from its corpus
+	@tools/setup.sh build test
+	@tools/fuzz.sh $(SECONDS)
 
 bench: ## run the benchmarks (BENCH_ARGS for the daemon's load generator)
 	@tools/setup.sh build bench

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 #include <fcntl.h>
+#include <limits>
 #include <optional>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -170,6 +171,8 @@ void parse_snapshot(const Snapshot &snapshot, std::uint64_t &position, std::uint
             Record record;
             std::uint64_t sequence = 0;
             if (!parse_record(snapshot.bytes.data() + at, next.bytes, record, sequence)) return;
+            // No writer gets there, and there would be no position behind it to go on from.
+            if (sequence == std::numeric_limits<std::uint64_t>::max()) return;
             if (sequence >= position) {
                 lost += sequence - position;
                 position = sequence + 1;
