@@ -1,9 +1,10 @@
 // The daemon without its start: the sessions around the one directory, and the turn they share.
 //
 // A turn reads requests and hands them to the directory; the directory's callbacks only mark who
-// has to be told. At the turn's end every session concerned gets one write with its answers and
-// then its notifications; answers to a long run of requests leave in portions before that. A departure found out while writing changes the directory once more, so
-// the sessions it concerns are flushed in a further round of the same turn.
+// has to be told. At the turn's end every session concerned gets its answers and then its
+// notifications in one write; answers to a long run of requests leave in portions before that. A
+// departure found out while writing changes the directory once more, so the sessions it concerns
+// are flushed in a further round of the same turn.
 #pragma once
 #include <cstddef>
 #include <cstdint>
