@@ -29,7 +29,8 @@ ds_service_elem_t *element_of(const avl_node_t *node) {
     return reinterpret_cast<ds_service_elem_t *>(const_cast<avl_node_t *>(node));
 }
 
-// Finds its place in the tree and remembers the nearest element behind it.
+// Finds its place in the tree and remembers the nearest element behind it: the last node of the
+// descent that comes after the name, whatever other nodes it was compared with before.
 struct Position {
     std::string_view name;
     mutable const avl_node_t *behind = nullptr;

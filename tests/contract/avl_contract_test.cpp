@@ -173,4 +173,42 @@ TEST_F(AvlContract, random_insertions_and_deletions_agree_with_a_sorted_list) {
     EXPECT_EQ(root.count, expected.size());
 }
 
+TEST_F(AvlContract, searches_in_two_trees_do_not_mislead_insertions_and_deletions) {
+    struct tree {
+        avl_root_t root = {};
+        std::vector<item> items = std::vector<item>(60);
+        std::vector<bool> is_in = std::vector<bool>(60, false);
+    };
+    std::mt19937 random(815);
+    std::array<tree, 2> trees;
+    for (tree &t : trees)
+        for (std::size_t i = 0; i < t.items.size(); i++)
+            t.items[i].key = static_cast<int>(i);
+
+    for (int step = 0; step < 20'000; step++) {
+        tree &t = trees[random() % trees.size()];
+        const std::size_t wanted = random() % t.items.size();
+        const int key = static_cast<int>(wanted);
+        avl_node_t *expected = t.is_in[wanted] ? &t.items[wanted].node : nullptr;
+        ASSERT_EQ(avl_search(&t.root, &key, compare_items), expected) << step;
+
+        const std::size_t i = random() % 2 == 0 ? wanted : random() % t.items.size();
+        if (t.is_in[i])
+            avl_delete(&t.root, &t.items[i].node);
+        else
+            ASSERT_EQ(avl_insert(&t.root, &t.items[i].key, &t.items[i].node, compare_items), 0);
+        t.is_in[i] = !t.is_in[i];
+    }
+
+    for (tree &t : trees) {
+        std::size_t at = 0;
+        for (avl_node_t *n = avl_get_first(&t.root); n != nullptr; n = avl_get_next(n)) {
+            while (at < t.is_in.size() && !t.is_in[at])
+                at++;
+            EXPECT_EQ(key_of(n), static_cast<int>(at++));
+        }
+        EXPECT_EQ(std::count(t.is_in.begin() + static_cast<long>(at), t.is_in.end(), true), 0);
+    }
+}
+
 } // namespace

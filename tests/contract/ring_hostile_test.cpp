@@ -109,6 +109,22 @@ TEST_F(RingHostile, a_record_that_makes_no_sense_ends_the_reading_before_it) {
     }
 }
 
+TEST_F(RingHostile, a_record_that_claims_the_last_number_ends_the_reading_for_good) {
+    constexpr std::size_t at_sequence = 8; // of a record
+    const auto ring = open_bytes(with(at_data + at_sequence, ~std::uint64_t{0}));
+    ASSERT_NE(ring, nullptr) << error;
+    std::uint64_t position = 0;
+    std::uint64_t lost = 0;
+
+    const auto first = ring->read(position, lost);
+    const auto second = ring->read(position, lost);
+
+    EXPECT_TRUE(first.empty());
+    EXPECT_TRUE(second.empty());
+    EXPECT_EQ(position, 0u);
+    EXPECT_EQ(lost, 0u);
+}
+
 TEST_F(RingHostile, random_damage_never_leads_outside_the_file) {
     std::mt19937 random(12345);
     int opened = 0;
