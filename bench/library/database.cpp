@@ -16,8 +16,6 @@ namespace ds::bench {
 namespace {
 
 constexpr std::size_t services_per_client = 1000;
-constexpr std::uint8_t node_address[6] = {0x02, 0, 0, 0, 0, 0x01};
-constexpr char instance_text[] = "primary;";
 constexpr std::uint32_t endpoint_address = 0x0a000001;
 
 // The handle of a client carries its process, so that the callback needs no table.
@@ -180,6 +178,12 @@ std::uint64_t Database::pool_bytes() const {
         bytes += usage.bytes_reserved;
     }
     return bytes;
+}
+
+void Database::delete_empty_names() {
+    const auto *db = reinterpret_cast<const ds_db_t *>(block_.slot[DS_GLOBAL_SLOT_DB]);
+    while (avl_node_t *first = avl_get_first(const_cast<avl_root_t *>(&db->selem_tree)))
+        ds_db_delete_service_element(reinterpret_cast<ds_service_elem_t *>(first));
 }
 
 ds_client_t *Database::add_client(std::uint64_t process) {

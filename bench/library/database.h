@@ -26,6 +26,11 @@ struct InfoDeleter {
 };
 using Info = std::unique_ptr<ds_service_publish_info, InfoDeleter>;
 
+// Ethernet addresses: of the node that the databases live on, and of another one.
+inline constexpr std::uint8_t node_address[6] = {0x02, 0, 0, 0, 0, 0x01};
+inline constexpr std::uint8_t other_node_address[6] = {0x02, 0, 0, 0, 0, 0x02};
+inline constexpr char instance_text[] = "primary;";
+
 // A publication of one IPv4 endpoint with that port. Throws std::bad_alloc.
 Info make_info(const std::string &name, std::uint32_t port);
 
@@ -41,7 +46,7 @@ class Database {
         double pool_bytes_per_service = 0; // of it in record pools
     };
 
-    // The database with that many services, filled at the first call.
+    // The database with that many services, filled at the first call; 0: one for guests.
     static Database &of_size(std::int64_t services);
 
     void use();
@@ -53,6 +58,9 @@ class Database {
     // The client that published the service of that index.
     std::uint32_t owner_idx(std::size_t index) const;
     std::uint64_t pool_bytes() const;
+    ds_globals_t &block() { return block_; }
+    // Deletes every name, when none of them has a service or a registration.
+    void delete_empty_names();
 
     // Client handles are given out once; the process id of a client is process_id(handle).
     static ds_client_t *add_client(std::uint64_t process);

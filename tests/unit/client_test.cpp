@@ -249,6 +249,23 @@ TEST_F(ClientTest, a_client_is_found_by_its_index_until_it_departs) {
     EXPECT_EQ(ds_db_find_client_by_client_idx(12), second);
 }
 
+TEST_F(ClientTest, clients_whose_indexes_share_a_place_are_each_found) {
+    ds_client_t *first = new_client(0x10, 100);
+    db()->client_idx_counter += DS_FOUND_CLIENTS - 1;
+    ds_client_t *second = new_client(0x20, 200);
+
+    EXPECT_EQ(second->client_idx, first->client_idx + DS_FOUND_CLIENTS);
+    EXPECT_EQ(ds_db_find_client_by_client_idx(first->client_idx), first);
+    EXPECT_EQ(ds_db_find_client_by_client_idx(second->client_idx), second);
+    const uint32_t first_idx = first->client_idx;
+    const uint32_t second_idx = second->client_idx;
+    ds_db_delete_client(first);
+    EXPECT_EQ(ds_db_find_client_by_client_idx(first_idx), nullptr);
+    EXPECT_EQ(ds_db_find_client_by_client_idx(second_idx), second);
+    ds_db_delete_client(second);
+    EXPECT_EQ(ds_db_find_client_by_client_idx(second_idx), nullptr);
+}
+
 TEST_F(ClientTest, the_count_without_a_name_counts_all_clients) {
     EXPECT_EQ(ds_db_get_client_count(nullptr), 0u);
     new_client(0x10, 100, "a");

@@ -9,6 +9,16 @@ namespace {
 
 constexpr size_t client_name_bytes = sizeof(ds_client_t::name);
 
+// Indexes are given out one after the other, so the newest clients each have a place of their own.
+ds_client_t **place_of(ds_db_t *db, uint32_t client_idx) {
+    return &db->found_clients[client_idx % DS_FOUND_CLIENTS];
+}
+
+void forget(ds_db_t *db, const ds_client_t *client) {
+    ds_client_t **place = place_of(db, client->client_idx);
+    if (*place == client) *place = NULL;
+}
+
 bool is_listed(const ds_client_t *client) {
     return client->client_link.next != NULL || client->client_link.prev != NULL;
 }
@@ -61,6 +71,7 @@ int ds_db_init_client(ds_client_t **client_out) {
 int ds_db_free_client(ds_client_t *client) {
     ds_db_t *db = ds_db_context();
     if (client == NULL || db == NULL) return -1;
+    forget(db, client);
     chunk_free(db->client_pool, client);
     return 0;
 }
@@ -74,6 +85,7 @@ int ds_db_add_client(ds_client_t *client) {
     db->last_client_add_time = fts_get_stamp_fast();
     client->client_idx = db->client_idx_counter;
     link_beside_its_process(db, client);
+    *place_of(db, client->client_idx) = client;
     if (client->name[0] == '\0') name_after_its_process(client);
     return 0;
 }
@@ -86,7 +98,7 @@ int ds_db_delete_client(ds_client_t *client) {
     {
         ds_db_lock lock(db);
         dbly_linkage_delink(&client->client_link);
-        if (db->last_client_found == client) db->last_client_found = NULL;
+        forget(db, client);
     }
 
     // Registrations go first, so that the client is not told of its own services going.
@@ -116,13 +128,12 @@ ds_client_t *ds_db_find_client_by_client_hdl(uint64_t client_hdl) {
 ds_client_t *ds_db_find_client_by_client_idx(uint32_t client_idx) {
     ds_db_t *db = ds_db_context();
     if (db == NULL) return NULL;
-    // A publisher publishes in runs: most look-ups are for the client found last.
-    if (db->last_client_found != NULL && db->last_client_found->client_idx == client_idx)
-        return db->last_client_found;
+    ds_client_t **place = place_of(db, client_idx);
+    if (*place != NULL && (*place)->client_idx == client_idx) return *place;
     ds_client_t *client = ds_client_get_client_list_head();
     while (client != NULL && client->client_idx != client_idx)
         client = ds_client_get_next_in_client_list(client);
-    if (client != NULL) db->last_client_found = client;
+    if (client != NULL) *place = client;
     return client;
 }
 

@@ -135,6 +135,8 @@ enum { DS_PROC_ID_FROM_DSR = 1 };
 /* Request of ds_remote_notify. */
 enum { DS_REMOTE_PUBLISHED = 1, DS_REMOTE_WITHDRAWN = 2 };
 
+enum { DS_FOUND_CLIENTS = 4096 }; /* so many clients with indexes in a row are found at once */
+
 /* ---- records ----
  *
  *  ds_db_t
@@ -188,9 +190,9 @@ typedef struct ds_db {
     uint32_t relay_adds_sent;
     uint32_t relay_deletes_sent;
     uint32_t relay_modifies_sent;
-    uint32_t relay_updates_received;     /* handed to publish or unpublish; not those turned back */
-    uint32_t relay_spare_counter;        /* always 0; dumped */
-    struct ds_client *last_client_found; /* private: where the last look-up by index ended */
+    uint32_t relay_updates_received; /* handed to publish or unpublish; not those turned back */
+    uint32_t relay_spare_counter;    /* always 0; dumped */
+    struct ds_client *found_clients[DS_FOUND_CLIENTS]; /* private: clients by index, modulo */
 } ds_db_t;
 
 typedef struct ds_node {       /* its address is the node id; made on first sight, never freed */
