@@ -194,11 +194,11 @@ ds_client_t *Directory::publisher_of(const ds_service_t *service) const {
     return is_live(service) ? ds_db_find_client_by_client_idx(service->proc_id) : nullptr;
 }
 
-ds_service_t *Directory::find_local_service(std::uint32_t service_id) const {
-    for (ds_service_elem_t *element = first(); element != nullptr; element = next(element))
-        for (ds_service_t *service = ds_service_get_service_list_head(element); service != nullptr;
-             service = ds_service_get_next_in_service_list(service))
-            if (service->service_id == service_id && service->node == local_node_) return service;
+ds_service_t *Directory::find_local_service(const std::string &name,
+                                            std::uint32_t service_id) const {
+    for (ds_service_t *service = ds_service_get_service_list_head(find(name)); service != nullptr;
+         service = ds_service_get_next_in_service_list(service))
+        if (service->service_id == service_id && service->node == local_node_) return service;
     return nullptr;
 }
 
@@ -268,16 +268,29 @@ ds_service_elem_t *Directory::next(ds_service_elem_t *element) {
 }
 
 Directory::Totals Directory::totals() const {
-    Totals totals;
-    for (ds_service_elem_t *element = first(); element != nullptr; element = next(element)) {
-        const std::uint32_t services_before = totals.services;
-        for (ds_service_t *service = ds_service_get_service_list_head(element); service != nullptr;
-             service = ds_service_get_next_in_service_list(service))
-            if (is_live(service)) totals.services++;
-        if (totals.services > services_before) totals.names++;
-    }
-    totals.registrations = database()->registrations_added - database()->registrations_deleted;
-    return totals;
+    const auto in_use = [](const chunk_pool_t *pool) {
+        chunk_usage_t usage;
+        chunk_get_usage(pool, &usage);
+        return static_cast<std::uint32_t>(usage.records_in_use);
+    };
+    const ds_db_t *db = database();
+    return {in_use(db->selem_pool), in_use(db->service_pool), in_use(db->client_reg_pool)};
+}
+
+const ds_node_t *Directory::find_node(const std::string &address) const {
+    return static_cast<const ds_node_t *>(
+        vanto_protected_hashtable_get(&database()->node_table, address.data()));
+}
+
+void Directory::for_each_node(const std::function<void(const ds_node_t &)> &function) const {
+    vanto_hashtable_visit(
+        &database()->node_table,
+        [](void *node, void *context) {
+            const auto &visit =
+                *static_cast<const std::function<void(const ds_node_t &)> *>(context);
+            visit(*static_cast<const ds_node_t *>(node));
+        },
+        const_cast<std::function<void(const ds_node_t &)> *>(&function));
 }
 
 } // namespace ds::host

@@ -7,6 +7,7 @@
 #pragma once
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -35,6 +36,8 @@ class DirectoryClients {
 
 class Directory {
   public:
+    // Records in use: names published or registered for; services, those included that wait for
+    // their publisher.
     struct Totals {
         std::uint32_t names = 0;
         std::uint32_t services = 0;
@@ -64,7 +67,7 @@ class Directory {
                   std::uint32_t scope);
     // Ends any local publication.
     void take_down(ds_service_t *service);
-    ds_service_t *find_local_service(std::uint32_t service_id) const;
+    ds_service_t *find_local_service(const std::string &name, std::uint32_t service_id) const;
     ds_client_t *publisher_of(const ds_service_t *service) const; // null: nobody on this node
     // False when the name's snapshot could outgrow a frame with this publication. A publication
     // that replaces one of the client is counted once.
@@ -88,6 +91,12 @@ class Directory {
     static ds_service_elem_t *next(ds_service_elem_t *element);
     Totals totals() const;
     const NodeAddress &node() const { return node_; }
+    std::string_view node_bytes() const {
+        return {reinterpret_cast<const char *>(node_.data()), node_.size()};
+    }
+    // Null when nothing was ever heard of that node. `address` has 6 bytes.
+    const ds_node_t *find_node(const std::string &address) const;
+    void for_each_node(const std::function<void(const ds_node_t &)> &function) const;
 
   private:
     static int on_notify(ds_service_elem_t *element, ds_service_publish_info *info);

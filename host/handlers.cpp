@@ -6,11 +6,13 @@
 #include <cstdint>
 #include <fstream>
 
+#include "host/dump.h"
 #include "host/listing.h"
 #include "host/names.h"
 #include "host/publication.h"
 #include "host/server.h"
 #include "host/session.h"
+#include "host/statistics.h"
 #include "host/wire.h"
 #include "proto/frame.h"
 
@@ -22,10 +24,6 @@ constexpr const char *out_of_memory = "The daemon has no memory left for this.";
 
 std::string quoted(std::string_view text) {
     return "'" + std::string(text) + "'";
-}
-
-std::string_view as_bytes(const NodeAddress &address) {
-    return {reinterpret_cast<const char *>(address.data()), address.size()};
 }
 
 std::uint64_t resident_bytes() {
@@ -46,12 +44,15 @@ void tell_withdrawn(Session &publisher, const ds_service_t &service, const Sessi
     append_event(publisher.replies(), v1::Event::kWithdrawnFieldNumber, withdrawn);
 }
 
-void withdraw_by_id(Call &call, std::uint32_t service_id) {
+void withdraw_by_id(Call &call, const v1::Withdraw &withdraw) {
     Directory &directory = call.server.directory();
-    ds_service_t *service = directory.find_local_service(service_id);
+    if (std::string text = check_text(service_name_rule, withdraw.name()); !text.empty())
+        return refuse(call.reply, v1::STATUS_INVALID, std::move(text));
+    ds_service_t *service = directory.find_local_service(withdraw.name(), withdraw.service_id());
     if (service == nullptr)
         return refuse(call.reply, v1::STATUS_NOT_FOUND,
-                      "No service on this node has the id " + std::to_string(service_id) + ".");
+                      "No service " + quoted(withdraw.name()) + " on this node has the id " +
+                          std::to_string(withdraw.service_id()) + ".");
     const ds_client_t *client = directory.publisher_of(service);
     Session *publisher =
         client != nullptr ? call.server.sessions().find(client->client_hdl) : nullptr;
@@ -85,7 +86,7 @@ void handle_hello(Call &call) {
     v1::HelloReply &body = *call.reply.mutable_hello();
     body.set_protocol(std::min(hello.protocol(), proto::protocol_version));
     body.set_daemon_version(daemon_version());
-    body.set_node(std::string(as_bytes(call.server.directory().node())));
+    body.set_node(std::string(call.server.directory().node_bytes()));
     body.set_session(call.session.id());
     body.set_frame_bytes_max(proto::frame_bytes_max);
 }
@@ -111,7 +112,7 @@ void handle_publish(Call &call) {
 
 void handle_withdraw(Call &call) {
     const v1::Withdraw &withdraw = call.request.withdraw();
-    if (withdraw.service_id() != 0) return withdraw_by_id(call, withdraw.service_id());
+    if (withdraw.service_id() != 0) return withdraw_by_id(call, withdraw);
     if (std::string text = check_identity(withdraw.name(), withdraw.instance(), withdraw.scope());
         !text.empty())
         return refuse(call.reply, v1::STATUS_INVALID, std::move(text));
@@ -174,7 +175,7 @@ void handle_status(Call &call) {
     body.set_daemon_version(daemon_version());
     body.set_pid(static_cast<std::uint32_t>(getpid()));
     body.set_uptime_ms(server.uptime_ms());
-    body.set_node(std::string(as_bytes(call.server.directory().node())));
+    body.set_node(std::string(call.server.directory().node_bytes()));
     body.set_socket(server.config().socket);
     body.set_trace_directory(server.config().trace_dir);
     body.set_relay(server.engine().name());
@@ -190,6 +191,43 @@ void handle_status(Call &call) {
     body.set_queued_bytes(server.queued_bytes());
     body.set_resident_bytes(resident_bytes());
     body.set_sessions_total(counters.sessions_total);
+}
+
+void handle_dump(Call &call) {
+    const v1::Dump &dump = call.request.dump();
+    const bool is_of_clients = dump.kind() == v1::DUMP_KIND_CLIENTS;
+    const TextRule &rule = is_of_clients ? display_name_rule : service_name_rule;
+    if (dump.kind() == v1::DUMP_KIND_NONE || !v1::DumpKind_IsValid(dump.kind()))
+        return refuse(call.reply, v1::STATUS_INVALID,
+                      "kind is " + std::to_string(dump.kind()) +
+                          "; 1 (services), 2 (registrations) and 3 (clients) are allowed.");
+    if (!dump.node().empty() && dump.node().size() != sizeof(NodeAddress))
+        return refuse(call.reply, v1::STATUS_INVALID,
+                      "node has " + std::to_string(dump.node().size()) +
+                          " bytes; an Ethernet address has 6.");
+    if (!v1::Scope_IsValid(dump.scope()))
+        return refuse(call.reply, v1::STATUS_INVALID,
+                      "scope is " + std::to_string(dump.scope()) +
+                          "; 0 (any), 1 (rack), 2 (system) and 3 (local) are allowed.");
+    if (dump.after().size() > proto::name_bytes_max)
+        return refuse(call.reply, v1::STATUS_INVALID,
+                      "after has " + std::to_string(dump.after().size()) + " bytes; 0 to " +
+                          std::to_string(proto::name_bytes_max) + " bytes are allowed.");
+    if (std::string text = dump.name().empty() ? "" : check_text(rule, dump.name()); !text.empty())
+        return refuse(call.reply, v1::STATUS_INVALID, std::move(text));
+    v1::DumpReply &body = *call.reply.mutable_dump();
+    if (is_of_clients)
+        fill_clients(call.server.directory(), call.server.sessions(), dump, body);
+    else
+        fill_names(call.server.directory(), dump, body);
+}
+
+void handle_stats(Call &call) {
+    fill_stats(*call.reply.mutable_stats());
+}
+
+void handle_nodes(Call &call) {
+    fill_nodes(call.server.directory(), *call.reply.mutable_nodes());
 }
 
 } // namespace ds::host

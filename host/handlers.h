@@ -30,5 +30,8 @@ void handle_register(Call &call);
 void handle_unregister(Call &call);
 void handle_list(Call &call);
 void handle_status(Call &call);
+void handle_dump(Call &call);
+void handle_stats(Call &call);
+void handle_nodes(Call &call);
 
 } // namespace ds::host

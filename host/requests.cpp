@@ -22,7 +22,8 @@ constexpr Row rows[] = {
     {Request::kHello, handle_hello},           {Request::kPublish, handle_publish},
     {Request::kWithdraw, handle_withdraw},     {Request::kRegister, handle_register},
     {Request::kUnregister, handle_unregister}, {Request::kList, handle_list},
-    {Request::kStatus, handle_status},
+    {Request::kStatus, handle_status},         {Request::kDump, handle_dump},
+    {Request::kStats, handle_stats},           {Request::kNodes, handle_nodes},
 };
 
 const Row *row_of(Request::BodyCase kind) {

@@ -10,8 +10,7 @@ Session &SessionTable::add(Server &server, UniqueFd connection) {
     const std::uint32_t index = free_.back();
     Slot &slot = slots_[index];
     slot.generation++;
-    const std::uint64_t id = static_cast<std::uint64_t>(slot.generation) << 32 | index;
-    slot.session = std::make_unique<Session>(server, id, std::move(connection));
+    slot.session = std::make_unique<Session>(server, id_of(index), std::move(connection));
     free_.pop_back(); // only now, as the session may fail to be made
     count_++;
     return *slot.session;

@@ -23,7 +23,25 @@ class SessionTable {
             if (slot.session) function(*slot.session);
     }
 
+    // Visits the sessions behind that one in the order of their slots, until the function returns
+    // false or `slots_max` slots were looked at. Returns the id to go on behind, 0 at the end. A
+    // session that was not accepted comes again then.
+    template <typename Function>
+    std::uint64_t visit_behind(std::uint64_t after, std::size_t slots_max,
+                               Function function) const {
+        const std::size_t first =
+            after == 0 ? 0 : static_cast<std::uint32_t>(after) + std::size_t{1};
+        std::size_t index = first;
+        for (; index < slots_.size() && index - first < slots_max; index++)
+            if (slots_[index].session && !function(*slots_[index].session)) break;
+        return index < slots_.size() && index > first ? id_of(index - 1) : 0;
+    }
+
   private:
+    std::uint64_t id_of(std::size_t index) const {
+        return static_cast<std::uint64_t>(slots_[index].generation) << 32 | index;
+    }
+
     struct Slot {
         std::unique_ptr<Session> session;
         std::uint32_t generation = 0;

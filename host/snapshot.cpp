@@ -24,24 +24,6 @@ void *path_memory(std::size_t size) {
     return size <= sizeof path_buffer ? path_buffer : nullptr;
 }
 
-void encode_endpoint(const ds_service_publish_info *info, const std::uint8_t *bytes,
-                     std::uint64_t length, std::string &out) {
-    Fields fields(out);
-    if (ds_get_service_ep_type_at(info, 0) == DS_EP_TYPE_PATH) {
-        vidl_ds_ep_path_t decoded = {};
-        if (vidl_ds_ep_path_decode_ext(&decoded, bytes, length, path_memory, 0, 0) >= 0)
-            fields.message(Endpoint::kPathFieldNumber, decoded.path);
-        return;
-    }
-    std::uint32_t address = 0;
-    std::uint32_t port = 0;
-    ds_decode_endpoint(bytes, length, &address, &port);
-    std::string ipv4; // short enough to need no heap
-    Fields(ipv4).fixed32(Ipv4::kAddressFieldNumber, address);
-    Fields(ipv4).number(Ipv4::kPortFieldNumber, port);
-    fields.message(Endpoint::kIpv4FieldNumber, ipv4);
-}
-
 bool a_restart_period_is_open() {
     for (const int slot : {DS_GLOBAL_SLOT_OWN_RESTART_TIMER, DS_GLOBAL_SLOT_RELAY_RESTART_TIMER}) {
         auto *timer = reinterpret_cast<mgd_timer_t *>(ds_globals_get()->slot[slot]);
@@ -60,6 +42,25 @@ bool has_live_services(ds_service_elem_t *element) {
     return ds_db_service_element_has_services(element, DS_SCOPE_ANY) != 0;
 }
 
+void encode_endpoint(std::uint32_t type, const std::uint8_t *bytes, std::uint64_t length,
+                     std::string &out) {
+    if (bytes == nullptr) return;
+    Fields fields(out);
+    if (type == DS_EP_TYPE_PATH) {
+        vidl_ds_ep_path_t decoded = {};
+        if (vidl_ds_ep_path_decode_ext(&decoded, bytes, length, path_memory, 0, 0) >= 0)
+            fields.message(Endpoint::kPathFieldNumber, decoded.path);
+        return;
+    }
+    std::uint32_t address = 0;
+    std::uint32_t port = 0;
+    ds_decode_endpoint(bytes, length, &address, &port);
+    std::string ipv4; // short enough to need no heap
+    Fields(ipv4).fixed32(Ipv4::kAddressFieldNumber, address);
+    Fields(ipv4).number(Ipv4::kPortFieldNumber, port);
+    fields.message(Endpoint::kIpv4FieldNumber, ipv4);
+}
+
 void encode_instance(const ds_service_t *service, std::string &out) {
     static std::string endpoint;
     endpoint.clear();
@@ -68,7 +69,8 @@ void encode_instance(const ds_service_t *service, std::string &out) {
     std::uint32_t scope = 0, ha_role = 0, issu_role = 0, issu_id = 0;
     if (ds_get_service_publish_info_at_v5(service->publish_info, 0, &bytes, &length, &scope,
                                           &ha_role, &issu_role, &issu_id) == 0)
-        encode_endpoint(service->publish_info, bytes, length, endpoint);
+        encode_endpoint(ds_get_service_ep_type_at(service->publish_info, 0), bytes, length,
+                        endpoint);
 
     Fields fields(out);
     fields.number(Instance::kServiceIdFieldNumber, service->service_id);

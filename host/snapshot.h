@@ -26,6 +26,10 @@ void encode_snapshot(ds_service_elem_t *element, std::string &out);
 // Appends the encoded Instance of one live service.
 void encode_instance(const ds_service_t *service, std::string &out);
 
+// Appends the encoded Endpoint; nothing for no bytes. type: DS_EP_TYPE_*.
+void encode_endpoint(std::uint32_t type, const std::uint8_t *bytes, std::uint64_t length,
+                     std::string &out);
+
 bool is_live(const ds_service_t *service);
 bool has_live_services(ds_service_elem_t *element);
 

@@ -1,5 +1,6 @@
 // Protected hash tables: a fixed number of buckets, entries chained by Boost's intrusive hash set.
 #include "platform/vanto.h"
+#include "platform_default/platform_default.h"
 #include <boost/intrusive/unordered_set.hpp>
 #include <cstdint>
 #include <mutex>
@@ -114,6 +115,14 @@ void vanto_protected_hashtable_release(vanto_protected_hashtable_t *table) {
     delete[] buckets;
     delete static_cast<std::mutex *>(table->lock);
     *table = vanto_hashtable_t{};
+}
+
+void vanto_hashtable_visit(vanto_hashtable_t *table, void (*fn)(void *value, void *ctx),
+                           void *ctx) {
+    if (!is_ready(table)) return;
+    const std::lock_guard guard(*static_cast<std::mutex *>(table->lock));
+    for (const entry &e : storage_of(table)->entries)
+        fn(e.value, ctx);
 }
 
 void vanto_hashtable_set_key_equals(vanto_hashtable_t *table, vanto_key_equals_fn fn) {

@@ -32,44 +32,45 @@ struct Wish {
 
 bool matches(const Wish &wish, const v1::Instance &instance) {
     return instance.local() && (!wish.instance || *wish.instance == instance.instance()) &&
-           (!wish.scope || *wish.scope == instance.scope());
+           (!wish.scope || *wish.scope == instance.scope()) &&
+           (wish.id == 0 || wish.id == instance.service_id());
 }
 
-int take_back(const Context &context, client::Connection &connection, const Wish &wish,
-              const v1::Instance &target) {
+struct Found {
+    std::string name;
+    v1::Instance instance;
+};
+
+int take_back(const Context &context, client::Connection &connection, const Found &found) {
+    const v1::Instance &target = found.instance;
     v1::Request request;
-    request.mutable_withdraw()->set_name(wish.name);
-    request.mutable_withdraw()->set_instance(target.instance());
-    request.mutable_withdraw()->set_scope(target.scope());
+    request.mutable_withdraw()->set_name(found.name);
     request.mutable_withdraw()->set_service_id(target.service_id());
     v1::Reply reply;
     const client::Outcome outcome =
         connection.call(request, reply, client::deadline_in(answer_time));
     const std::string id = id_text(target.service_id());
-    const std::string subject =
-        wish.name.empty() ? "id " + id : full_name(wish.name, target.instance());
+    const std::string subject = full_name(found.name, target.instance());
     if (!outcome.ok()) return fail("cannot withdraw " + subject, outcome);
     if (context.is_json()) {
         Json json;
         json["event"] = "withdrawn";
         json["id"] = target.service_id();
-        if (!wish.name.empty()) json.update(instance_json(wish.name, target));
+        json.update(instance_json(found.name, target));
         print(json_line(json));
-    } else if (wish.name.empty()) {
-        print("withdrawn " + subject + '\n');
     } else {
         print("withdrawn " + subject + " scope " + scope_text(target.scope()) + " id " + id + '\n');
     }
     return exit_ok;
 }
 
-int complain_about_many(const Wish &wish, const std::vector<v1::Instance> &found) {
+int complain_about_many(const std::vector<Found> &found) {
     complain(std::to_string(found.size()) +
              " publications match; --instance, --scope or --id says which:");
-    for (const v1::Instance &instance : found) {
+    for (const auto &[name, instance] : found) {
         complain("  --id " + id_text(instance.service_id()) + "  " +
-                 full_name(wish.name, instance.instance()) + " scope " +
-                 scope_text(instance.scope()) + ' ' + endpoint_text(instance.endpoint()) + " pid " +
+                 full_name(name, instance.instance()) + " scope " + scope_text(instance.scope()) +
+                 ' ' + endpoint_text(instance.endpoint()) + " pid " +
                  std::to_string(instance.pid()));
     }
     return exit_failure;
@@ -78,27 +79,24 @@ int complain_about_many(const Wish &wish, const std::vector<v1::Instance> &found
 int withdraw(const Context &context, const Wish &wish) {
     client::Connection connection;
     if (const int code = connect(context, connection); code != exit_ok) return code;
-    if (wish.id != 0) {
-        v1::Instance target;
-        target.set_service_id(wish.id);
-        return take_back(context, connection, Wish{}, target);
-    }
-    std::vector<v1::Instance> found;
+    // An id is looked for in the listing, since a withdrawal needs the name as well.
+    std::vector<Found> found;
     const client::Outcome outcome =
         list_names(connection, wish.name, [&](const v1::Snapshot &snapshot) {
             for (const v1::Instance &instance : snapshot.instances()) {
-                if (matches(wish, instance)) found.push_back(instance);
+                if (matches(wish, instance)) found.push_back({snapshot.name(), instance});
             }
         });
     if (!outcome.ok() && outcome.status != v1::STATUS_NOT_FOUND) {
-        return fail("cannot look for '" + wish.name + "'", outcome);
+        return fail("cannot look for it", outcome);
     }
     if (found.empty()) {
-        complain("no such publication on this node: '" + wish.name + "'");
+        complain("no such publication on this node: " +
+                 (wish.id != 0 ? "id " + id_text(wish.id) : '\'' + wish.name + '\''));
         return exit_not_found;
     }
-    if (found.size() > 1) return complain_about_many(wish, found);
-    return take_back(context, connection, wish, found.front());
+    if (found.size() > 1) return complain_about_many(found);
+    return take_back(context, connection, found.front());
 }
 
 } // namespace

@@ -113,7 +113,8 @@ TEST(Server, a_withdrawal_by_id_is_told_to_the_publisher) {
     other.hello();
     const v1::Reply published = publisher.call(publish_request("server.by_id", "x"));
 
-    const v1::Reply reply = other.call(withdraw_request("", "", published.service_id()));
+    const v1::Reply reply =
+        other.call(withdraw_request("server.by_id", "", published.service_id()));
     const v1::Event event = publisher.receive();
 
     EXPECT_EQ(reply.status(), v1::STATUS_OK);

@@ -55,9 +55,17 @@ v1::Request withdraw_request(std::string_view name, std::string_view instance, v
     return request;
 }
 
-v1::Request withdraw_id_request(std::uint32_t service_id) {
+v1::Request withdraw_id_request(std::string_view name, std::uint32_t service_id) {
     v1::Request request;
+    request.mutable_withdraw()->set_name(std::string(name));
     request.mutable_withdraw()->set_service_id(service_id);
+    return request;
+}
+
+v1::Request dump_request(v1::DumpKind kind, std::string_view name) {
+    v1::Request request;
+    request.mutable_dump()->set_kind(kind);
+    request.mutable_dump()->set_name(std::string(name));
     return request;
 }
 

@@ -23,7 +23,8 @@ v1::Request publish_request(std::string_view name, std::string_view instance, st
 v1::Request path_request(std::string_view name, std::string_view instance, std::string_view path);
 v1::Request withdraw_request(std::string_view name, std::string_view instance,
                              v1::Scope scope = v1::SCOPE_LOCAL);
-v1::Request withdraw_id_request(std::uint32_t service_id);
+v1::Request withdraw_id_request(std::string_view name, std::uint32_t service_id);
+v1::Request dump_request(v1::DumpKind kind, std::string_view name = {});
 v1::Request register_request(std::string_view name, std::uint64_t cookie = 0);
 v1::Request unregister_request(std::string_view name, std::uint32_t handle);
 v1::Request list_request(std::string_view name, std::string_view after = {},

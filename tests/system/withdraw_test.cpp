@@ -18,7 +18,7 @@ TEST_F(WithdrawById, a_publication_of_the_same_user_ends_and_its_publisher_is_to
     watcher.watch("web");
     watcher.snapshot();
 
-    other.ok(withdraw_id_request(id));
+    other.ok(withdraw_id_request("web", id));
 
     const v1::Event event = publisher.event();
     ASSERT_TRUE(event.has_withdrawn());
@@ -31,7 +31,7 @@ TEST_F(WithdrawById, a_publication_of_the_same_user_ends_and_its_publisher_is_to
     EXPECT_EQ(digest(watcher.snapshot()), "red:81");
     EXPECT_EQ(publisher.call(withdraw_request("web", "blue", v1::SCOPE_RACK)).status(),
               v1::STATUS_NOT_FOUND);
-    EXPECT_EQ(other.call(withdraw_id_request(id)).status(), v1::STATUS_NOT_FOUND);
+    EXPECT_EQ(other.call(withdraw_id_request("web", id)).status(), v1::STATUS_NOT_FOUND);
 }
 
 TEST_F(WithdrawById, the_publisher_itself_is_not_told_of_its_own_doing) {
@@ -40,7 +40,7 @@ TEST_F(WithdrawById, the_publisher_itself_is_not_told_of_its_own_doing) {
     watcher.watch("web");
     watcher.snapshot();
 
-    publisher.ok(withdraw_id_request(id));
+    publisher.ok(withdraw_id_request("web", id));
 
     EXPECT_EQ(digest(watcher.snapshot()), "");
     EXPECT_TRUE(publisher.events_so_far().empty());
@@ -51,7 +51,7 @@ TEST_F(WithdrawById, the_publisher_may_publish_again_afterwards) {
     const v1::Reply first = publisher.publish("web", "blue", 80);
     watcher.watch("web");
     watcher.snapshot();
-    other.ok(withdraw_id_request(first.service_id()));
+    other.ok(withdraw_id_request("web", first.service_id()));
     watcher.await_digest("");
 
     const v1::Reply second = publisher.publish("web", "blue", 81);
@@ -78,7 +78,7 @@ TEST_F(WithdrawById, another_user_is_denied_and_root_is_not) {
     ClientProcess thief(
         [&](ClientProcess::Report &report) {
             Client client(daemon.socket());
-            const v1::Reply reply = client.call(withdraw_id_request(id));
+            const v1::Reply reply = client.call(withdraw_id_request("web", id));
             report.line(std::to_string(reply.status()) + " " + reply.text());
         },
         true);
@@ -90,7 +90,8 @@ TEST_F(WithdrawById, another_user_is_denied_and_root_is_not) {
         [&](ClientProcess::Report &report) { publish_as_other_user(daemon.socket(), report); },
         true);
 
-    root.ok(withdraw_id_request(static_cast<std::uint32_t>(std::stoul(publisher.next_line()))));
+    root.ok(
+        withdraw_id_request("web", static_cast<std::uint32_t>(std::stoul(publisher.next_line()))));
 
     EXPECT_EQ(publisher.next_line(), "withdrawn by 0");
     EXPECT_EQ(root.status().services(), 1u);

@@ -10,6 +10,7 @@
 #define PLATFORM_DEFAULT_H
 #include "platform/chunk.h"
 #include "platform/mgd_timer.h"
+#include "platform/vanto.h"
 #include <stddef.h>
 #include <stdint.h>
 #ifdef __cplusplus
@@ -37,6 +38,11 @@ typedef struct chunk_usage {
     uint64_t bytes_reserved;   /* bytes of these blocks */
 } chunk_usage_t;
 void chunk_get_usage(const chunk_pool_t *pool, chunk_usage_t *usage);
+
+/* ---- hash tables ---- */
+
+/* Calls fn with each value, in no particular order. fn must leave the table alone. */
+void vanto_hashtable_visit(vanto_hashtable_t *table, void (*fn)(void *value, void *ctx), void *ctx);
 
 /* ---- timers ---- */
 

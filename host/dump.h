@@ -1,0 +1,19 @@
+// Pages of a dump.
+//
+// A page is made at once from the library's records, and it is bounded: in bytes, so that a frame
+// holds it, and in names looked at, so that the dump of a large directory holds up nobody else.
+#pragma once
+#include "ds.pb.h"
+#include "host/directory.h"
+#include "host/session_table.h"
+
+namespace ds::host {
+
+// Names with services, or with registrations, behind `dump.after()`.
+void fill_names(const Directory &directory, const v1::Dump &dump, v1::DumpReply &reply);
+
+// Clients behind `dump.after_client()`, in no particular order.
+void fill_clients(const Directory &directory, const SessionTable &sessions, const v1::Dump &dump,
+                  v1::DumpReply &reply);
+
+} // namespace ds::host
