@@ -1,13 +1,42 @@
 // The seam to a replication engine.
 //
-// The directory hands every update for other nodes to one engine. What an engine learns from other
-// nodes (connected, disconnected, an update, a node that went down) it reports by calling the
-// directory itself: dsr_connect_cb, dsr_disconn_cb, dsr_receive_cb, dsr_peer_down_cb. Everything
-// runs on the daemon's thread.
+// The directory hands every update for other nodes to one engine; what an engine learns of other
+// nodes it reports to its Events. Everything runs on the daemon's thread, and an engine never calls
+// its Events from inside send() or start().
+//
+//   disconnected --connected()--> connected --received()...-- listed() --received()...--+
+//        ^                                                                             |
+//        +------------------------------ disconnected() ------------------------------+
+//
+// After connected() an engine delivers all that its store holds for this node to know, then says
+// listed(), then goes on with what changes. Updates about one service arrive in the order in which
+// its node sent them; a change may be delivered again, an older one never follows a newer.
 #pragma once
+#include <array>
+#include <cstdint>
+
 #include "platform_default/platform_default.h"
 
 namespace ds::relay {
+
+using NodeAddress = std::array<std::uint8_t, 6>; // Ethernet address
+
+// What an engine reports.
+class Events {
+  public:
+    virtual void connected() = 0;
+    virtual void disconnected() = 0;
+    // An entry of `sender`. It may be this node's own: one that it published before it restarted,
+    // or one that it no longer holds. The update is valid only during the call.
+    virtual void received(const NodeAddress &sender, const dsr_update_t &update) = 0;
+    // Everything that the store held at connected() has been received.
+    virtual void listed() = 0;
+    // The node is gone, and with it all that it published.
+    virtual void node_down(const NodeAddress &node) = 0;
+
+  protected:
+    ~Events() = default;
+};
 
 class Engine {
   public:
@@ -15,6 +44,13 @@ class Engine {
 
     // What the status of the daemon shows, for example "none".
     virtual const char *name() const = 0;
+
+    // Whether there are other nodes to replicate with at all.
+    virtual bool is_replicating() const = 0;
+
+    // Begins to connect; called once, before the daemon takes clients. `events` outlives the
+    // engine's last report.
+    virtual void start(Events &events) = 0;
 
     // Takes one update on its way out. What the update points to is valid only during the call.
     // 0 = taken, -1 = not taken; the directory does not ask again, so an engine that cannot send

@@ -9,6 +9,8 @@ namespace ds::relay {
 class NoEngine final : public Engine {
   public:
     const char *name() const override { return "none"; }
+    bool is_replicating() const override { return false; }
+    void start(Events &) override {}
     int send(const dsr_update_t &update) override;
 
     std::uint64_t updates_dropped() const { return updates_dropped_; }
