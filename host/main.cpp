@@ -11,8 +11,10 @@
 
 #include "host/config.h"
 #include "host/loop.h"
+#include "host/reload.h"
 #include "host/runtime_directory.h"
 #include "host/server.h"
+#include "host/users.h"
 #include "platform_default/platform_default.h"
 #include "relay/none.h"
 
@@ -28,7 +30,24 @@ void raise_descriptor_limit() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-void run(const host::Config &config) {
+host::SocketAccess access_of(const host::Config &config) {
+    host::SocketAccess access;
+    access.mode = static_cast<mode_t>(config.socket_mode);
+    if (config.socket_group.empty()) return access;
+    const auto number = host::parse_user_number(config.socket_group);
+    const auto group = number ? number : host::system_users().group(config.socket_group);
+    if (!group) throw host::StartError("there is no group '" + config.socket_group + "'");
+    access.group = *group;
+    return access;
+}
+
+void tell_manager_of_reload(const host::Loop &loop) {
+    constexpr std::uint64_t ns_per_us = 1'000;
+    const std::string us = std::to_string(loop.now_ns() / ns_per_us);
+    sd_notify(0, ("RELOADING=1\nMONOTONIC_USEC=" + us).c_str());
+}
+
+void run(host::Config config) {
     const host::RuntimeDirectory runtime_directory(config.runtime_dir);
     host::make_directory(config.trace_dir);
     if (rtrace_set_directory(config.trace_dir.c_str()) != 0)
@@ -36,12 +55,17 @@ void run(const host::Config &config) {
 
     host::Loop loop;
     relay::NoEngine engine;
-    host::UniqueFd socket = host::listen_at(config.socket);
+    host::UniqueFd socket = host::listen_at(config.socket, access_of(config));
     host::Server server(loop, config, engine, std::move(socket));
-    loop.watch_signals({SIGTERM, SIGINT, SIGHUP}, [&server](int signal) {
-        if (signal == SIGHUP) return; // there is nothing to reload; it must not end the daemon
-        sd_notify(0, "STOPPING=1");
-        server.stop();
+    loop.watch_signals({SIGTERM, SIGINT, SIGHUP}, [&](int signal) {
+        if (signal == SIGHUP) {
+            tell_manager_of_reload(loop);
+            if (host::reload_policy(config)) server.set_policy(config.rules, config.limits);
+            sd_notify(0, "READY=1");
+        } else {
+            sd_notify(0, "STOPPING=1");
+            server.stop();
+        }
     });
 
     sd_notify(0, "READY=1");

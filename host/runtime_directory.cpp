@@ -82,13 +82,16 @@ RuntimeDirectory::RuntimeDirectory(const std::string &path) {
     if (!written) fail("cannot write " + lock_path);
 }
 
-UniqueFd listen_at(const std::string &path) {
+UniqueFd listen_at(const std::string &path, const SocketAccess &access) {
     const sockaddr_un address = address_of(path);
     UniqueFd fd = unix_socket();
     remove_stale_socket(path, address);
     if (bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         fail("cannot bind " + path);
-    if (chmod(path.c_str(), 0666) != 0) fail("cannot open " + path + " to every user");
+    // Nobody can connect before listen(), so nobody slips in before the permissions are set.
+    if (chown(path.c_str(), static_cast<uid_t>(-1), access.group) != 0)
+        fail("cannot give " + path + " to its group");
+    if (chmod(path.c_str(), access.mode) != 0) fail("cannot set the permissions of " + path);
     if (listen(fd.get(), backlog_max) != 0) fail("cannot listen on " + path);
     return fd;
 }

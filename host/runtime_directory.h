@@ -1,6 +1,8 @@
 // The files that a running daemon has: its directory, the lock that makes it the only one there,
 // its socket.
 #pragma once
+#include <sys/types.h>
+
 #include <stdexcept>
 #include <string>
 
@@ -27,8 +29,14 @@ class RuntimeDirectory {
 // Makes a directory with its parents, mode 0755, unless it exists. Throws StartError.
 void make_directory(const std::string &path);
 
-// A listening socket that every local user may connect to. A socket file that a dead daemon left is
-// replaced; that of a living one is not. Throws StartError.
-UniqueFd listen_at(const std::string &path);
+// Who may connect: whom the permissions of the socket file let write.
+struct SocketAccess {
+    mode_t mode = 0666;
+    gid_t group = static_cast<gid_t>(-1); // left as it is
+};
+
+// A listening socket. A socket file that a dead daemon left is replaced; that of a living one is
+// not. Throws StartError.
+UniqueFd listen_at(const std::string &path, const SocketAccess &access = {});
 
 } // namespace ds::host

@@ -1,0 +1,43 @@
+#include "host/reload.h"
+
+#include <cstdio>
+
+#include "host/config_file.h"
+#include "host/config_keys.h"
+
+namespace ds::host {
+
+namespace {
+
+void tell_of_restart(const Config &running, const Config &read) {
+    for (const Key &key : config_keys())
+        if (!key.can_reload && !has_same_value(key, running, read))
+            std::fprintf(stderr, "dsd: %s has changed; it needs a restart\n",
+                         full_name(key).c_str());
+}
+
+} // namespace
+
+bool reload_policy(Config &config) {
+    Config read;
+    try {
+        read = read_configuration(config.given);
+    } catch (const ConfigError &error) {
+        for (const std::string &line : error.lines())
+            std::fprintf(stderr, "dsd: %s\n", line.c_str());
+        std::fprintf(stderr, "dsd: the configuration stays as it was; errors: %zu\n",
+                     error.lines().size());
+        return false;
+    }
+    tell_of_restart(config, read);
+    for (const Key &key : config_keys())
+        if (key.can_reload) copy_value(key, read, config);
+    config.limits.users = read.limits.users;
+    config.rules = read.rules;
+    config.file = read.file;
+    std::printf("dsd: reloaded %s\n", config.file.empty() ? "the defaults" : config.file.c_str());
+    std::fflush(stdout);
+    return true;
+}
+
+} // namespace ds::host
