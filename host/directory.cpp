@@ -49,6 +49,13 @@ struct Position {
     }
 };
 
+// Whether the publication would replace this one. `instance` as the directory knows it.
+bool is_same(const ds_service_t *service, const ds_client_t *client, const std::string &instance,
+             const v1::Publish &publish) {
+    return service->proc_id == client->client_idx && service->instance == instance &&
+           service->scope == static_cast<std::uint32_t>(publish.scope());
+}
+
 } // namespace
 
 // ---- start and callbacks ----
@@ -84,6 +91,7 @@ void Directory::fill_block(std::FILE *console) {
 
 int Directory::on_notify(ds_service_elem_t *element, ds_service_publish_info *info) {
     directory->notified_ = element;
+    directory->changes_++;
     if (info->entries_count >= instances_always_fit)
         directory->large_.insert(element);
     else if (!directory->large_.empty())
@@ -119,6 +127,7 @@ void Directory::on_timer(mgd_timer_t *timer) {
     const auto value = reinterpret_cast<std::uint64_t>(timer);
     const bool is_current = value == block.slot[DS_GLOBAL_SLOT_OWN_RESTART_TIMER] ||
                             value == block.slot[DS_GLOBAL_SLOT_RELAY_RESTART_TIMER];
+    directory->changes_++;
     if (is_current)
         ds_db_finalize_restart();
     else
@@ -137,6 +146,7 @@ ds_client_t *Directory::add_client(std::uint64_t id, std::string_view name) {
 }
 
 void Directory::remove_client(ds_client_t *client) {
+    changes_++;
     // The library leaves the elements that the client was only registered on.
     std::vector<std::string> names;
     for (ds_client_reg_t *registration = ds_client_get_client_reg_list_head(client);
@@ -148,12 +158,22 @@ void Directory::remove_client(ds_client_t *client) {
         drop_if_unused(name);
 }
 
+bool Directory::take_down_one(ds_client_t *client) {
+    ds_service_t *service = ds_client_get_service_list_head(client);
+    if (service == nullptr) return false;
+    changes_++;
+    ds_db_handle_service_down(service, client);
+    return true;
+}
+
 void Directory::drop_if_unused(const std::string &name) {
     ds_service_elem_t *element = find(name);
     const bool is_used = element == nullptr ||
                          ds_service_get_service_list_head(element) != nullptr ||
                          ds_db_service_element_has_registrations(element) != 0;
-    if (!is_used) ds_db_delete_service_element(element);
+    if (is_used) return;
+    changes_++;
+    ds_db_delete_service_element(element);
 }
 
 // ---- publications ----
@@ -161,6 +181,7 @@ void Directory::drop_if_unused(const std::string &name) {
 const ds_service_t *Directory::publish(ds_client_t *client, PublishInfo info) {
     ds_service_publish_info *published = info.release();
     notified_ = nullptr;
+    changes_++;
     ds_db_publish_service(client->client_idx, local_node_, published, nullptr);
     if (published->held == 0) {
         info.reset(published);
@@ -183,10 +204,12 @@ bool Directory::withdraw(ds_client_t *client, std::string_view name, std::string
     VIDL_SET(&key, service_name, DS_KEY_BIT_NAME, service_name.data());
     VIDL_SET(&key, scope, DS_KEY_BIT_SCOPE, scope);
     VIDL_SET(&key, instance, DS_KEY_BIT_INSTANCE, directory_instance.data());
+    changes_++;
     return ds_db_unpublish_service(client->client_idx, local_node_, &key, nullptr) == 0;
 }
 
 void Directory::take_down(ds_service_t *service) {
+    changes_++;
     ds_db_handle_service_down(service, publisher_of(service));
 }
 
@@ -202,6 +225,16 @@ ds_service_t *Directory::find_local_service(const std::string &name,
     return nullptr;
 }
 
+bool Directory::has_published(const ds_client_t *client, const v1::Publish &publish) const {
+    ds_service_elem_t *element = find(publish.name());
+    if (element == nullptr) return false;
+    const std::string instance = to_directory_instance(publish.instance());
+    for (ds_service_t *service = ds_service_get_service_list_head(element); service != nullptr;
+         service = ds_service_get_next_in_service_list(service))
+        if (is_same(service, client, instance, publish)) return true;
+    return false;
+}
+
 bool Directory::has_room_for(const ds_client_t *client, const v1::Publish &publish) const {
     if (large_.empty()) return true;
     ds_service_elem_t *element = find(publish.name());
@@ -213,10 +246,7 @@ bool Directory::has_room_for(const ds_client_t *client, const v1::Publish &publi
     std::size_t bytes = publish.name().size() + instance_bytes_bound(publish) + frame_parts_bytes;
     for (ds_service_t *service = ds_service_get_service_list_head(element); service != nullptr;
          service = ds_service_get_next_in_service_list(service)) {
-        const bool is_replaced = service->proc_id == client->client_idx &&
-                                 service->instance == instance &&
-                                 service->scope == static_cast<std::uint32_t>(publish.scope());
-        if (is_replaced) continue;
+        if (is_same(service, client, instance, publish)) continue; // it will be replaced
         encoded.clear();
         encode_instance(service, encoded);
         bytes += encoded.size() + frame_parts_bytes;

@@ -57,6 +57,8 @@ class Directory {
     ds_client_t *add_client(std::uint64_t id, std::string_view name);
     // Ends all that the client registered and published.
     void remove_client(ds_client_t *client);
+    // Ends one publication of the client; false when it has none.
+    bool take_down_one(ds_client_t *client);
 
     // ---- publications ----
 
@@ -69,6 +71,8 @@ class Directory {
     void take_down(ds_service_t *service);
     ds_service_t *find_local_service(const std::string &name, std::uint32_t service_id) const;
     ds_client_t *publisher_of(const ds_service_t *service) const; // null: nobody on this node
+    // Whether the client has published exactly that already.
+    bool has_published(const ds_client_t *client, const v1::Publish &publish) const;
     // False when the name's snapshot could outgrow a frame with this publication. A publication
     // that replaces one of the client is counted once.
     bool has_room_for(const ds_client_t *client, const v1::Publish &publish) const;
@@ -90,6 +94,9 @@ class Directory {
     ds_service_elem_t *first() const;
     static ds_service_elem_t *next(ds_service_elem_t *element);
     Totals totals() const;
+    // Rises whenever an element may have changed or gone, so that what was encoded before is of the
+    // past.
+    std::uint64_t changes() const { return changes_; }
     const NodeAddress &node() const { return node_; }
     std::string_view node_bytes() const {
         return {reinterpret_cast<const char *>(node_.data()), node_.size()};
@@ -115,6 +122,7 @@ class Directory {
     NodeAddress node_;
     ds_node_t *local_node_ = nullptr;
     Timers timers_;
+    std::uint64_t changes_ = 0;
     ds_service_elem_t *notified_ = nullptr;               // element of the latest notification run
     std::unordered_set<const ds_service_elem_t *> large_; // elements whose snapshots need measuring
 };

@@ -9,12 +9,18 @@ constexpr std::size_t idle_capacity_max = 65'536; // of a connection with nothin
 } // namespace
 
 void FrameReader::supply(std::string_view bytes) {
-    if (held_.empty()) {
+    if (bytes_held() == 0) {
+        is_held_ = false;
         unread_ = bytes;
         return;
     }
-    held_.append(bytes);
-    unread_ = held_;
+    if (!bytes.empty()) {
+        held_.erase(0, taken_);
+        taken_ = 0;
+        held_.append(bytes);
+    }
+    is_held_ = true;
+    unread_ = std::string_view(held_).substr(taken_);
 }
 
 proto::Cut FrameReader::next(std::string_view &message) {
@@ -25,12 +31,15 @@ proto::Cut FrameReader::next(std::string_view &message) {
 }
 
 void FrameReader::settle() {
-    if (held_.empty())
-        held_.assign(unread_);
-    else
-        held_.erase(0, held_.size() - unread_.size());
-    if (held_.empty() && held_.capacity() > idle_capacity_max) held_.shrink_to_fit();
+    if (!is_held_) held_.assign(unread_);
+    taken_ = held_.size() - unread_.size();
+    if (unread_.empty()) {
+        held_.clear();
+        taken_ = 0;
+        if (held_.capacity() > idle_capacity_max) held_.shrink_to_fit();
+    }
     unread_ = {};
+    is_held_ = true;
 }
 
 } // namespace ds::host

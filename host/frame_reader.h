@@ -22,10 +22,12 @@ class FrameReader {
     // Keeps a copy of what was not taken.
     void settle();
 
-    std::size_t bytes_held() const { return held_.size(); }
+    std::size_t bytes_held() const { return held_.size() - taken_; }
 
   private:
     std::string held_;
+    std::size_t taken_ = 0; // of held_; moved out of the way only when more is appended
+    bool is_held_ = false;  // unread_ is in held_, else in the supplied bytes
     std::string_view unread_;
 };
 

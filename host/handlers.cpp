@@ -32,6 +32,24 @@ std::uint64_t resident_bytes() {
     return resident_pages * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
 }
 
+// Whether the policy forbids it; then the reply says so.
+bool is_denied(Call &call, Action action, const std::string &name) {
+    const Rule *rule = find_denial(call.server.rules(), call.session.peer(), action, name);
+    if (rule == nullptr) return false;
+    refuse(call.reply, v1::STATUS_DENIED,
+           describe_rule(*rule) + " does not let user " + quoted(call.session.account().name()) +
+               " " + action_name(action) + " " + quoted(name) + ".");
+    return true;
+}
+
+// Whether the user has as many already as is allowed; then the reply says so.
+bool is_over_limit(Call &call, Resource resource) {
+    std::string text = call.server.accounts().refusal(call.session.account(), resource);
+    if (text.empty()) return false;
+    refuse(call.reply, v1::STATUS_LIMIT, std::move(text));
+    return true;
+}
+
 // Tells a session that somebody else ended its publication.
 void tell_withdrawn(Session &publisher, const ds_service_t &service, const Session &by) {
     v1::Withdrawn withdrawn;
@@ -63,6 +81,7 @@ void withdraw_by_id(Call &call, const v1::Withdraw &withdraw) {
                       "withdraw it.");
     if (publisher != nullptr && publisher != &call.session)
         tell_withdrawn(*publisher, *service, call.session);
+    if (publisher != nullptr) publisher->remove_publication();
     directory.take_down(service);
     call.server.counters().withdrawals++;
 }
@@ -96,17 +115,25 @@ void handle_publish(Call &call) {
     Directory &directory = call.server.directory();
     if (std::string text = check_publication(publish); !text.empty())
         return refuse(call.reply, v1::STATUS_INVALID, std::move(text));
+    if (is_denied(call, Action::publish, publish.name())) return;
+    const bool is_refused = is_over_limit(call, Resource::publications);
+    if (is_refused && !directory.has_published(call.session.client(), publish)) return;
+    if (is_refused) refuse(call.reply, v1::STATUS_OK, {}); // a change is no further publication
     if (!directory.has_room_for(call.session.client(), publish))
         return refuse(call.reply, v1::STATUS_LIMIT,
                       "The instances of " + quoted(publish.name()) + " would take more than " +
                           std::to_string(snapshot_bytes_max) +
                           " bytes in one notification; this limit of a name is fixed, so further "
                           "instances need another name.");
+    const ds_service_t *newest = ds_client_get_service_list_head(call.session.client());
     const ds_service_t *service =
         directory.publish(call.session.client(), make_publish_info(publish));
     if (service == nullptr) return refuse(call.reply, v1::STATUS_INTERNAL, out_of_memory);
     call.reply.set_service_id(service->service_id);
     call.reply.set_generation(service->gen);
+    // What the session did not have before is the first in its list now.
+    if (ds_client_get_service_list_head(call.session.client()) != newest)
+        call.session.add_publication();
     call.server.counters().publishes++;
 }
 
@@ -124,6 +151,7 @@ void handle_withdraw(Call &call) {
                       "This session has not published " + quoted(withdraw.name()) +
                           " with instance " + quoted(withdraw.instance()) + " and scope " +
                           std::to_string(withdraw.scope()) + ".");
+    call.session.remove_publication();
     call.server.counters().withdrawals++;
 }
 
@@ -131,6 +159,8 @@ void handle_register(Call &call) {
     const v1::Register &request = call.request.register_();
     if (std::string text = check_text(service_name_rule, request.name()); !text.empty())
         return refuse(call.reply, v1::STATUS_INVALID, std::move(text));
+    if (is_denied(call, Action::watch, request.name())) return;
+    if (is_over_limit(call, Resource::registrations)) return;
     Registration &registration = call.session.add_registration(request.cookie());
     ds_client_reg_t *record = call.server.directory().add_registration(
         call.session.client(), request.name(), reinterpret_cast<std::uint64_t>(&registration));
@@ -160,9 +190,16 @@ void handle_list(Call &call) {
         return refuse(call.reply, v1::STATUS_INVALID,
                       "after has " + std::to_string(list.after().size()) + " bytes; 0 to " +
                           std::to_string(proto::name_bytes_max) + " bytes are allowed.");
-    if (list.name().empty()) return encode_page(call.server.directory(), list, call.page);
+    if (list.name().empty()) {
+        const auto is_allowed = [&call](std::string_view name) {
+            return find_denial(call.server.rules(), call.session.peer(), Action::list, name) ==
+                   nullptr;
+        };
+        return encode_page(call.server.directory(), list, is_allowed, call.page);
+    }
     if (std::string text = check_text(service_name_rule, list.name()); !text.empty())
         return refuse(call.reply, v1::STATUS_INVALID, std::move(text));
+    if (is_denied(call, Action::list, list.name())) return;
     if (!encode_name(call.server.directory(), list.name(), call.page))
         refuse(call.reply, v1::STATUS_NOT_FOUND, "Nobody publishes " + quoted(list.name()) + ".");
 }

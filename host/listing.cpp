@@ -7,7 +7,8 @@ namespace ds::host {
 
 using v1::ListReply;
 
-void encode_page(const Directory &directory, const v1::List &list, std::string &out) {
+void encode_page(const Directory &directory, const v1::List &list, const IsAllowed &is_allowed,
+                 std::string &out) {
     Fields fields(out);
     std::string snapshot;
     std::string_view last_name;
@@ -16,7 +17,8 @@ void encode_page(const Directory &directory, const v1::List &list, std::string &
     ds_service_elem_t *element =
         list.after().empty() ? directory.first() : directory.first_behind(list.after());
     for (; element != nullptr; element = Directory::next(element)) {
-        if (!has_live_services(element)) continue;
+        if (!has_live_services(element) || !is_allowed({element->name, element->name_len}))
+            continue;
         snapshot.clear();
         encode_snapshot(element, snapshot);
         bytes += snapshot.size();

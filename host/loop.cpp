@@ -131,7 +131,8 @@ void Loop::Signals::on_ready(std::uint32_t) {
 
 void Loop::turn(int timeout_ms) {
     std::array<epoll_event, events_per_turn> events;
-    const int count = epoll_wait(epoll_.get(), events.data(), events_per_turn, timeout_ms);
+    const int wait_ms = std::exchange(is_busy_, false) ? 0 : timeout_ms;
+    const int count = epoll_wait(epoll_.get(), events.data(), events_per_turn, wait_ms);
     if (count < 0 && errno != EINTR) checked(count, "epoll_wait");
     for (int i = 0; i < count; i++) {
         const epoll_event &event = events[static_cast<std::size_t>(i)];

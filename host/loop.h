@@ -1,8 +1,8 @@
 // The event loop of the daemon: one thread, one epoll set.
 //
 // A turn waits for events, serves each ready handler once, then the alarms that are due, then the
-// end-of-turn hooks. Whatever a turn produced is sent by a hook, so all that happened in one turn
-// leaves with one write per connection.
+// end-of-turn hooks. A hook that leaves work for the next turn says so with turn_again(), and that
+// turn only looks for events and does not wait.
 //
 // Handlers and alarms are owned by whoever made them. A handler may forget its descriptor at any
 // time, but it must stay alive until the turn's hooks run, because its event may already have been
@@ -63,14 +63,18 @@ class Loop final : private Handler {
     void watch_signals(std::initializer_list<int> signals, std::function<void(int)> action);
 
     void at_end_of_turn(std::function<void()> hook) { hooks_.push_back(std::move(hook)); }
+    void turn_again() { is_busy_ = true; }
 
-    // One turn; waits at most timeout_ms for an event, -1 without limit.
+    // One turn; waits at most timeout_ms for an event, -1 without limit, and not at all when the
+    // turn before has left work.
     void turn(int timeout_ms);
     void run(); // turns until stop()
     void stop() { running_ = false; }
 
-    // Readable whenever a turn has something to do: another reactor can watch it and call turn(0).
+    // Readable whenever there are events or alarms: another reactor can watch it and call turn(0),
+    // and again while is_busy().
     int fd() const { return epoll_.get(); }
+    bool is_busy() const { return is_busy_; }
     std::uint64_t now_ns() const { return clock_(); }
 
     static std::uint64_t monotonic_ns();
@@ -93,6 +97,7 @@ class Loop final : private Handler {
     std::set<std::pair<std::uint64_t, Alarm *>> alarms_; // by deadline
     std::vector<std::function<void()>> hooks_;
     bool running_ = false;
+    bool is_busy_ = false;
 };
 
 } // namespace ds::host

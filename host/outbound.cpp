@@ -12,6 +12,7 @@ namespace ds::host {
 namespace {
 
 constexpr std::size_t small_capacity = 65'536;
+constexpr std::size_t batch_bytes_max = 65'536;   // beyond it a batch takes nothing more
 constexpr std::size_t copied_snapshot_max = 4096; // larger ones are sent from where they are
 constexpr std::size_t header_bytes_max = 40;      // of a notification around its snapshot
 constexpr std::size_t idle_capacity_max = 65'536;
@@ -76,6 +77,7 @@ bool Gather::add(Registration &registration, const std::string &snapshot) {
     const bool is_copied = snapshot.size() <= copied_snapshot_max;
     const std::size_t needed = header_bytes_max + (is_copied ? snapshot.size() : 0);
     if (small_.size() + needed > small_capacity || part_count_ + 2 > parts_.size()) return false;
+    if (bytes_ >= batch_bytes_max) return false;
 
     const std::size_t begin = bytes_;
     const std::size_t start = small_.size();
@@ -118,30 +120,19 @@ void Outbound::unmark(Registration &registration) {
     pending_.remove(registration);
 }
 
-Outbound::Result Outbound::send(int fd, Output &output) {
-    while (has_anything()) {
-        collect(output);
-        const msghdr header = output.gather.header();
-        const ssize_t result = sendmsg(fd, &header, MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (result < 0 && errno == EINTR) continue;
-        if (result < 0) return errno == EAGAIN ? Result::blocked : Result::broken;
-        const auto sent = static_cast<std::size_t>(result);
-        const bool is_cut = sent < output.gather.bytes();
-        settle(sent, output);
-        if (is_cut) return Result::blocked;
-    }
-    return Result::done;
-}
-
-Outbound::Result Outbound::send_answers(int fd) {
-    while (unsent_bytes() > 0) {
-        const ssize_t sent = ::send(fd, replies_.data() + replies_sent_, unsent_bytes(),
-                                    MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent < 0 && errno == EINTR) continue;
-        if (sent < 0) return errno == EAGAIN ? Result::blocked : Result::broken;
-        drop_sent_replies(static_cast<std::size_t>(sent));
-    }
-    return Result::done;
+Outbound::Result Outbound::send(int fd, Output &output, std::size_t &bytes) {
+    if (!has_anything()) return Result::done;
+    collect(output);
+    const msghdr header = output.gather.header();
+    const ssize_t result = sendmsg(fd, &header, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (result < 0 && errno == EINTR) return Result::more;
+    if (result < 0) return errno == EAGAIN ? Result::blocked : Result::broken;
+    const auto sent = static_cast<std::size_t>(result);
+    bytes += sent;
+    const bool is_cut = sent < output.gather.bytes();
+    settle(sent, output);
+    if (is_cut) return Result::blocked;
+    return has_anything() ? Result::more : Result::done;
 }
 
 void Outbound::collect(Output &output) {

@@ -85,7 +85,8 @@ struct Output {
 
 class Outbound {
   public:
-    enum class Result { done, blocked, broken };
+    // more: the socket may take more, and there is more.
+    enum class Result { done, more, blocked, broken };
 
     // Answers are appended here, whole frames only.
     std::string &replies() { return replies_; }
@@ -93,10 +94,9 @@ class Outbound {
     bool mark(Registration &registration); // false: it was marked already
     void unmark(Registration &registration);
 
-    // Sends what there is; blocked: the rest has to wait until the socket is writable.
-    Result send(int fd, Output &output);
-    // Sends answers only: what is to be told of elements may still change in this turn.
-    Result send_answers(int fd);
+    // Sends what goes into one write, adding to `bytes` how many were taken; blocked: the rest has
+    // to wait until the socket is writable.
+    Result send(int fd, Output &output, std::size_t &bytes);
 
     std::size_t unsent_bytes() const { return replies_.size() - replies_sent_; }
     bool has_anything() const { return unsent_bytes() > 0 || pending_.front() != nullptr; }

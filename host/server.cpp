@@ -1,8 +1,13 @@
 #include "host/server.h"
 
-#include <algorithm>
+#include <sys/socket.h>
+
 #include <cstdio>
 #include <system_error>
+#include <utility>
+
+#include "host/handlers.h"
+#include "host/wire.h"
 
 namespace ds::host {
 
@@ -17,7 +22,7 @@ constexpr std::uint64_t ns_per_ms = 1'000'000;
 Server::Server(Loop &loop, const Config &config, relay::Engine &engine, UniqueFd listening_socket)
     : loop_(loop), config_(config), engine_(engine),
       directory_(loop, *this, engine, config.node, config.console ? stderr : nullptr),
-      requests_(*this), resume_alarm_([this] { resume(); }),
+      requests_(*this), rules_(config.rules), accounts_(config.limits),
       drain_alarm_([this] { end_overdue_drains(); }), stop_alarm_([this] { loop_.stop(); }),
       started_ns_(loop.now_ns()) {
     if (listening_socket)
@@ -27,18 +32,44 @@ Server::Server(Loop &loop, const Config &config, relay::Engine &engine, UniqueFd
 }
 
 Server::~Server() {
-    loop_.disarm(resume_alarm_);
     loop_.disarm(drain_alarm_);
     loop_.disarm(stop_alarm_);
 }
 
 void Server::accept(UniqueFd connection) {
-    try {
-        sessions_.add(*this, std::move(connection));
-        counters().sessions_total++;
-    } catch (const std::system_error &error) {
-        std::fprintf(stderr, "dsd: a connection is dropped: %s\n", error.what());
+    ucred credentials = {};
+    socklen_t bytes = sizeof credentials;
+    credentials.uid = static_cast<uid_t>(-1);
+    getsockopt(connection.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &bytes);
+    Account &account = accounts_.of(credentials.uid);
+    std::string text = accounts_.refusal_of_sessions(account, sessions_.count());
+    if (!text.empty()) {
+        refuse(std::move(connection), std::move(text));
+    } else {
+        try {
+            sessions_.add(*this, std::move(connection), credentials, account);
+            counters().sessions_total++;
+        } catch (const std::system_error &error) {
+            std::fprintf(stderr, "dsd: a connection is dropped: %s\n", error.what());
+        }
     }
+    accounts_.release(account);
+}
+
+// The client learns it before it has said anything; a socket that is new has room for that much.
+void Server::refuse(UniqueFd connection, std::string text) {
+    v1::Reply reply;
+    host::refuse(reply, v1::STATUS_LIMIT, std::move(text));
+    std::string frame;
+    append_event(frame, v1::Event::kReplyFieldNumber, reply);
+    [[maybe_unused]] const ssize_t sent =
+        send(connection.get(), frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+void Server::set_policy(std::vector<Rule> rules, Limits limits) {
+    rules_ = std::move(rules);
+    accounts_.set_limits(std::move(limits));
+    accounts_.for_each([this](Account &account) { resume_paused(account); });
 }
 
 void Server::stop() {
@@ -62,6 +93,7 @@ std::size_t Server::queued_bytes() const {
 // ---- the directory's side ----
 
 void Server::on_registration_changed(std::uint64_t argument) {
+    if (is_stopping_) return; // the session may have gone without leaving the directory
     auto *registration = reinterpret_cast<Registration *>(argument);
     registration->session->mark(*registration);
 }
@@ -78,15 +110,32 @@ const char *Server::process_name(std::uint64_t client) {
 
 // ---- the turn ----
 
-void Server::resume_later(const Session &session) {
-    to_resume_.push_back(session.id());
-    loop_.arm(resume_alarm_, loop_.now_ns());
+void Server::resume_paused(Account &account) {
+    for (auto waiting = account.paused.begin(); waiting != account.paused.end();) {
+        Session &session = waiting->session;
+        ++waiting; // the session may leave the queue
+        session.resume_if_taken();
+    }
 }
 
-void Server::resume() {
-    const std::vector<std::uint64_t> ids = std::exchange(to_resume_, {});
-    for (const std::uint64_t id : ids)
-        if (Session *session = sessions_.find(id)) session->handle_held_requests();
+Output &Server::fresh_output() {
+    if (changes_encoded_ != directory_.changes()) output_.snapshots.clear();
+    changes_encoded_ = directory_.changes();
+    return output_;
+}
+
+void Server::serve(Account &account) {
+    flush_some(account);
+    if (!account.to_flush.empty()) return;
+    while (!account.to_serve.empty() && !shares_.is_spent())
+        account.to_serve.front().session.serve();
+    shares_.refill();
+    flush_some(account);
+}
+
+void Server::flush_some(Account &account) {
+    while (!account.to_flush.empty() && !shares_.is_spent())
+        account.to_flush.front().session.flush();
 }
 
 void Server::limit_drain(const Session &session) {
@@ -104,15 +153,9 @@ void Server::end_overdue_drains() {
 }
 
 void Server::end_turn() {
-    while (!to_flush_.empty() || !to_remove_.empty()) {
-        flushing_.swap(to_flush_);
-        for (Session *session : flushing_)
-            session->flush();
-        flushing_.clear();
-        // Departures change the directory: from here on the snapshots are of the past.
-        output_.snapshots.clear();
-        remove_gone();
-    }
+    shares_.run([this](Account &account) { serve(account); });
+    remove_gone();
+    if (shares_.has_work()) loop_.turn_again();
     if (is_stopping_ && sessions_.count() == 0) loop_.stop();
 }
 
@@ -121,9 +164,9 @@ void Server::remove_gone() {
     for (const std::uint64_t id : ids) {
         Session *session = sessions_.find(id);
         if (session == nullptr) continue;
-        if (!is_stopping_) session->depart();
-        std::erase(to_flush_, session);
+        Account &account = session->account();
         sessions_.remove(id);
+        accounts_.release(account);
     }
 }
 

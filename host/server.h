@@ -1,10 +1,10 @@
 // The daemon without its start: the sessions around the one directory, and the turn they share.
 //
-// A turn reads requests and hands them to the directory; the directory's callbacks only mark who
-// has to be told. At the turn's end every session concerned gets its answers and then its
-// notifications in one write; answers to a long run of requests leave in portions before that. A
-// departure found out while writing changes the directory once more, so the sessions it concerns
-// are flushed in a further round of the same turn.
+// Sessions whose sockets got ready, and sessions that have something to send, wait in the queues of
+// their users. A turn gives slices to users (account.h): in a slice, first what earlier slices left
+// to be sent is sent, then requests are handled, then what those brought about is sent. Handling a
+// request only marks who has to be told; a watcher gets its answers and then its notifications in
+// one write.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -12,6 +12,7 @@
 #include <optional>
 #include <vector>
 
+#include "host/account.h"
 #include "host/config.h"
 #include "host/directory.h"
 #include "host/listener.h"
@@ -35,7 +36,11 @@ class Server final : private DirectoryClients {
     // the loop. Watchers are not told that the publications end: their connection ends.
     void stop();
 
-    // Makes a session of a connection; for the listener and for tests that bring their own socket.
+    // Puts these rules and limits in the place of the former ones. What exists stays.
+    void set_policy(std::vector<Rule> rules, Limits limits);
+
+    // Makes a session of a connection, or tells it which limit forbids it; for the listener and for
+    // tests that bring their own socket.
     void accept(UniqueFd connection);
 
     // ---- what sessions and requests work with ----
@@ -43,7 +48,10 @@ class Server final : private DirectoryClients {
     Loop &loop() { return loop_; }
     Directory &directory() { return directory_; }
     Requests &requests() { return requests_; }
-    Output &output() { return output_; }
+    Shares &shares() { return shares_; }
+    const Accounts &accounts() const { return accounts_; }
+    const std::vector<Rule> &rules() const { return rules_; }
+    Output &fresh_output(); // its snapshots are of the present state
     Counters &counters() { return output_.counters; }
     const SessionTable &sessions() const { return sessions_; }
     const Config &config() const { return config_; }
@@ -51,8 +59,9 @@ class Server final : private DirectoryClients {
     std::uint64_t uptime_ms() const;
     std::size_t queued_bytes() const;
 
-    void flush_later(Session &session) { to_flush_.push_back(&session); }
-    void resume_later(const Session &session);
+    bool is_stopping() const { return is_stopping_; }
+
+    void resume_paused(Account &account);
     void remove_later(const Session &session) { to_remove_.push_back(session.id()); }
     // Lets go of an ended session that does not take its last bytes in time.
     void limit_drain(const Session &session);
@@ -62,7 +71,9 @@ class Server final : private DirectoryClients {
     long process_id(std::uint64_t client) override;
     const char *process_name(std::uint64_t client) override;
 
-    void resume();
+    void refuse(UniqueFd connection, std::string text);
+    void serve(Account &account);
+    void flush_some(Account &account);
     void end_overdue_drains();
     void end_turn();
     void remove_gone();
@@ -73,18 +84,18 @@ class Server final : private DirectoryClients {
     Directory directory_;
     Requests requests_;
     Output output_;
-    SessionTable sessions_;
+    std::uint64_t changes_encoded_ = 0; // of the directory, when the snapshots were encoded
+    std::vector<Rule> rules_;
+    Accounts accounts_;
+    Shares shares_;
+    SessionTable sessions_; // behind the accounts, which the sessions leave at their end
     std::optional<Listener> listener_;
-    std::vector<Session *> to_flush_;
-    std::vector<Session *> flushing_;
-    std::vector<std::uint64_t> to_resume_;
     std::vector<std::uint64_t> to_remove_;
     struct Drain {
         std::uint64_t deadline_ns;
         std::uint64_t session;
     };
     std::deque<Drain> drains_; // in the order of their deadlines
-    Alarm resume_alarm_;
     Alarm drain_alarm_;
     Alarm stop_alarm_;
     std::uint64_t started_ns_;

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include "host/server.h"
 
@@ -15,28 +17,53 @@ namespace ds::host {
 
 namespace {
 
-constexpr std::size_t read_bytes_max = 65'536; // of one session in one turn
-constexpr int requests_per_portion = 32;       // whose answers are sent together
+constexpr std::size_t read_bytes_max = 65'536; // at once
+constexpr int departures_at_once = 32;         // registrations and publications
 constexpr long pid_limit = 4'194'304;          // the kernel's largest
+constexpr std::uint32_t watched_always = EPOLLIN | EPOLLRDHUP | EPOLLET;
+
+// What things take, in the unit of Shares.
+constexpr std::int64_t effort_of_request = 16;
+constexpr std::int64_t effort_of_read = 8;
+constexpr std::int64_t effort_of_write = 16;
+constexpr std::int64_t effort_of_departure = 64;
+constexpr std::int64_t bytes_per_effort = 128;
 
 // Shared by all sessions: what is not handled at once is copied by the session's reader.
 std::array<char, read_bytes_max> read_buffer;
 
+std::vector<gid_t> groups_of(int fd, gid_t primary) {
+    std::vector<gid_t> groups(64);
+    for (;;) {
+        auto bytes = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
+        const int result = getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &bytes);
+        const bool is_longer = result != 0 && errno == ERANGE;
+        groups.resize(result == 0 || is_longer ? bytes / sizeof(gid_t) : 0);
+        if (!is_longer) break;
+    }
+    groups.push_back(primary);
+    return groups;
+}
+
 } // namespace
 
-Session::Session(Server &server, std::uint64_t id, UniqueFd connection)
-    : server_(server), id_(id), fd_(std::move(connection)), interest_(EPOLLIN) {
-    ucred credentials = {};
-    socklen_t bytes = sizeof credentials;
-    credentials.uid = static_cast<uid_t>(-1);
-    getsockopt(fd_.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &bytes);
-    pid_ = credentials.pid;
-    uid_ = credentials.uid;
+Session::Session(Server &server, std::uint64_t id, UniqueFd connection, const ucred &credentials,
+                 Account &account)
+    : server_(server), id_(id), fd_(std::move(connection)), account_(account),
+      pid_(credentials.pid), gid_(credentials.gid), interest_(watched_always) {
     server_.loop().watch(fd_.get(), interest_, *this);
+    account_.used[Resource::sessions]++;
 }
 
 Session::~Session() {
     server_.loop().forget(fd_.get());
+    account_.used[Resource::sessions]--;
+    account_.used[Resource::queued_bytes] -= counted_unsent_;
+}
+
+const Peer &Session::peer() {
+    if (!peer_) peer_ = Peer{account_.uid, groups_of(fd_.get(), gid_)};
+    return *peer_;
 }
 
 long Session::process_id() const {
@@ -74,6 +101,7 @@ Registration &Session::add_registration(std::uint64_t cookie) {
 
 void Session::finish_registration(Registration &registration, ds_client_reg_t *record) {
     registration.record = record;
+    account_.used[Resource::registrations]++;
     registrations_.emplace(record->handle, std::move(unfinished_));
     // The directory is silent about a name without services; the client is told that there are
     // none.
@@ -82,15 +110,26 @@ void Session::finish_registration(Registration &registration, ds_client_reg_t *r
 
 void Session::drop_registration(Registration &registration) {
     outbound_.unmark(registration);
-    if (&registration == unfinished_.get())
-        unfinished_.reset();
-    else
-        registrations_.erase(registration.record->handle);
+    if (&registration == unfinished_.get()) return unfinished_.reset();
+    account_.used[Resource::registrations]--;
+    registrations_.erase(registration.record->handle);
 }
 
 Registration *Session::find_registration(std::uint32_t handle) {
     const auto found = registrations_.find(handle);
     return found != registrations_.end() ? found->second.get() : nullptr;
+}
+
+void Session::add_publication() {
+    publications_++;
+    account_.used[Resource::publications]++;
+}
+
+// The directory may have ended one by itself, which then has to wait for the session's end.
+void Session::remove_publication() {
+    if (publications_ == 0) return;
+    publications_--;
+    account_.used[Resource::publications]--;
 }
 
 // ---- sending ----
@@ -101,31 +140,46 @@ std::string &Session::replies() {
 }
 
 void Session::mark(Registration &registration) {
+    server_.shares().spend(1);
+    if (!is_reading()) return; // it departs
     if (!outbound_.mark(registration)) server_.counters().coalesced++;
     schedule();
 }
 
 void Session::schedule() {
-    if (is_scheduled_ || is_blocked_ || state_ == State::gone) return;
-    is_scheduled_ = true;
-    server_.flush_later(*this);
+    if (to_flush_.is_linked() || is_blocked_ || state_ == State::gone) return;
+    account_.to_flush.push_back(to_flush_);
+    server_.shares().wake(account_);
 }
 
 void Session::flush() {
-    is_scheduled_ = false;
+    to_flush_.unlink();
     if (state_ == State::gone) return;
-    const Outbound::Result result = outbound_.send(fd_.get(), server_.output());
+    std::size_t bytes = 0;
+    const Outbound::Result result = outbound_.send(fd_.get(), server_.fresh_output(), bytes);
+    server_.shares().spend(effort_of_write + static_cast<std::int64_t>(bytes) / bytes_per_effort);
+    count_unsent();
     if (result == Outbound::Result::broken) return gone();
+    if (result == Outbound::Result::more) schedule();
     is_blocked_ = result == Outbound::Result::blocked;
     if (state_ == State::draining && outbound_.unsent_bytes() == 0) return gone();
-    if (is_paused_ && outbound_.unsent_bytes() < answers_bytes_resume) server_.resume_later(*this);
+    resume_if_taken();
     update_interest();
 }
 
+// Keeps the user's sum in step, and lets the user's other sessions go on when it falls below the
+// limit.
+void Session::count_unsent() {
+    std::uint64_t &sum = account_.used[Resource::queued_bytes];
+    const bool was_above = account_.is_above(Resource::queued_bytes);
+    sum += outbound_.unsent_bytes() - counted_unsent_;
+    counted_unsent_ = outbound_.unsent_bytes();
+    if (was_above && !account_.is_above(Resource::queued_bytes)) server_.resume_paused(account_);
+}
+
 void Session::update_interest() {
-    const bool wants_input = is_reading() && !is_paused_;
-    const std::uint32_t interest = (wants_input ? static_cast<std::uint32_t>(EPOLLIN) : 0u) |
-                                   (is_blocked_ ? static_cast<std::uint32_t>(EPOLLOUT) : 0u);
+    const std::uint32_t interest =
+        watched_always | (is_blocked_ ? static_cast<std::uint32_t>(EPOLLOUT) : 0u);
     if (interest == interest_) return;
     interest_ = interest;
     server_.loop().change(fd_.get(), interest, *this);
@@ -135,6 +189,7 @@ void Session::update_interest() {
 
 void Session::end() {
     if (!is_reading()) return;
+    state_ = State::draining;
     depart();
     drain();
     server_.limit_drain(*this);
@@ -143,22 +198,43 @@ void Session::end() {
 void Session::drain() {
     if (state_ == State::gone) return;
     state_ = State::draining;
-    update_interest();
     schedule(); // a blocked one is flushed when its socket takes more
-}
-
-void Session::depart() {
-    for (auto &[handle, registration] : registrations_)
-        outbound_.unmark(*registration);
-    if (client_ != nullptr) server_.directory().remove_client(client_);
-    client_ = nullptr;
-    registrations_.clear();
 }
 
 void Session::gone() {
     if (state_ == State::gone) return;
     state_ = State::gone;
-    server_.remove_later(*this);
+    if (client_ == nullptr || server_.is_stopping()) return server_.remove_later(*this);
+    depart();
+}
+
+// A client that has little departs at once; one that has much, slice by slice.
+void Session::depart() {
+    if (client_ == nullptr || server_.is_stopping()) return;
+    for (auto &[handle, registration] : registrations_)
+        outbound_.unmark(*registration);
+    server_.shares().spend(effort_of_departure);
+    go_on_departing();
+}
+
+// Registrations first, so that the client is not told of its own publications going.
+void Session::go_on_departing() {
+    for (int i = 0; i < departures_at_once; i++) {
+        server_.shares().spend(effort_of_request);
+        if (!registrations_.empty()) {
+            Registration &registration = *registrations_.begin()->second;
+            ds_client_reg_t *record = registration.record;
+            drop_registration(registration);
+            server_.directory().remove_registration(record);
+        } else if (!server_.directory().take_down_one(client_)) {
+            server_.directory().remove_client(client_);
+            client_ = nullptr;
+            account_.used[Resource::publications] -= std::exchange(publications_, 0);
+            if (state_ == State::gone) server_.remove_later(*this);
+            return;
+        }
+    }
+    queue_to_serve();
 }
 
 // ---- the loop's side ----
@@ -169,52 +245,93 @@ void Session::on_ready(std::uint32_t events) {
         is_blocked_ = false;
         schedule();
     }
-    const bool can_read = (events & EPOLLIN) != 0 && is_reading() && !is_paused_;
-    if (can_read)
-        read();
-    else if ((events & (EPOLLHUP | EPOLLERR)) != 0)
-        gone();
+    if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) has_ended_ = true;
+    if ((events & (EPOLLHUP | EPOLLERR)) != 0) has_hung_up_ = true;
+    if ((events & EPOLLIN) != 0) has_input_ = true;
+    if (has_hung_up_ && (!is_reading() || paused_.is_linked())) return gone();
+    if ((has_input_ || has_ended_) && !paused_.is_linked()) queue_to_serve();
 }
 
-void Session::read() {
-    const ssize_t bytes = recv(fd_.get(), read_buffer.data(), read_buffer.size(), MSG_DONTWAIT);
-    if (bytes > 0)
-        handle({read_buffer.data(), static_cast<std::size_t>(bytes)});
-    else if (bytes == 0)
-        end();
-    else if (errno != EAGAIN && errno != EINTR)
-        gone();
+void Session::queue_to_serve() {
+    if (to_serve_.is_linked() || (!is_reading() && client_ == nullptr)) return;
+    account_.to_serve.push_back(to_serve_);
+    server_.shares().wake(account_);
 }
 
-void Session::handle_held_requests() {
-    if (!is_paused_) return;
-    is_paused_ = false;
-    handle({});
+bool Session::has_to_wait() const {
+    const std::size_t unsent = outbound_.unsent_bytes();
+    return unsent > answers_bytes_max || (unsent > 0 && account_.is_above(Resource::queued_bytes));
 }
 
-void Session::send_answers() {
-    if (is_blocked_) return;
-    const Outbound::Result result = outbound_.send_answers(fd_.get());
-    if (result == Outbound::Result::broken) return gone();
-    is_blocked_ = result == Outbound::Result::blocked;
+void Session::pause() {
+    if (has_hung_up_) return gone(); // nobody will take what is unsent
+    account_.paused.push_back(paused_);
 }
 
-void Session::handle(std::string_view bytes) {
-    reader_.supply(bytes);
-    for (int handled = 0; is_reading(); handled++) {
-        if (handled > 0 && handled % requests_per_portion == 0) send_answers();
-        is_paused_ = outbound_.unsent_bytes() > answers_bytes_max;
-        if (is_paused_) break;
-        std::string_view message;
-        const proto::Cut cut = reader_.next(message);
-        if (cut == proto::Cut::partial) break;
-        if (cut == proto::Cut::complete)
-            server_.requests().handle(*this, message);
-        else
-            server_.requests().refuse_frame(*this);
+void Session::resume_if_taken() {
+    const bool is_taken = outbound_.unsent_bytes() < answers_bytes_resume && !has_to_wait();
+    if (!paused_.is_linked() || !is_taken) return;
+    paused_.unlink();
+    queue_to_serve();
+}
+
+void Session::serve() {
+    to_serve_.unlink();
+    if (!is_reading()) {
+        if (client_ != nullptr && !server_.is_stopping()) go_on_departing();
+        return;
+    }
+    reader_.supply({});
+    while (is_reading()) {
+        if (server_.shares().is_spent()) {
+            queue_to_serve();
+            break;
+        }
+        if (has_to_wait()) {
+            pause();
+            break;
+        }
+        if (!handle_next() && !read()) break;
     }
     reader_.settle();
-    update_interest();
+}
+
+// False when no request is complete.
+bool Session::handle_next() {
+    std::string_view message;
+    const proto::Cut cut = reader_.next(message);
+    if (cut == proto::Cut::partial) return false;
+    const std::size_t unsent = outbound_.unsent_bytes();
+    if (cut == proto::Cut::complete)
+        server_.requests().handle(*this, message);
+    else
+        server_.requests().refuse_frame(*this);
+    const std::size_t answered = outbound_.unsent_bytes() - unsent;
+    server_.shares().spend(effort_of_request +
+                           static_cast<std::int64_t>(answered) / bytes_per_effort);
+    count_unsent();
+    return true;
+}
+
+// False when there is nothing to read. The loop tells when bytes arrive, once: a read that is not
+// filled has taken all there were.
+bool Session::read() {
+    if (!has_input_ && !has_ended_) return false;
+    reader_.settle();
+    const ssize_t bytes = recv(fd_.get(), read_buffer.data(), read_buffer.size(), MSG_DONTWAIT);
+    server_.shares().spend(effort_of_read + bytes / bytes_per_effort);
+    has_input_ = bytes == static_cast<ssize_t>(read_buffer.size());
+    if (bytes > 0) {
+        reader_.supply({read_buffer.data(), static_cast<std::size_t>(bytes)});
+        return true;
+    }
+    if (bytes == 0)
+        end();
+    else if (errno == EINTR)
+        has_input_ = true;
+    else if (errno != EAGAIN)
+        gone();
+    return bytes < 0 && errno == EINTR;
 }
 
 } // namespace ds::host

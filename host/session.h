@@ -3,26 +3,34 @@
 //
 //   greeting     until a Hello was accepted; the directory does not know the client
 //   open         requests are handled
-//   draining     nothing is read any more, the client has departed; goes when its last bytes are
-//   out gone         the socket is of no use; goes at the end of the turn
+//   draining     nothing is read any more, the client departs; goes when its last bytes are out
+//   gone         the socket is of no use; goes when the client has departed
+//
+// Nothing is done when the socket gets ready but to queue the session: its requests are handled and
+// its output is sent in the slices of its user (account.h).
 //
 // A session that does not take its answers is not read from: above answers_bytes_max unsent bytes
 // its requests wait, in the kernel and in the reader, until fewer than answers_bytes_resume are
-// left.
+// left. When all the sessions of its user together exceed the user's limit, every one of them that
+// has unsent bytes waits until it has none.
 #pragma once
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 
 #include "ds_server_lib.h"
+#include "host/account.h"
 #include "host/frame_reader.h"
 #include "host/loop.h"
 #include "host/outbound.h"
+#include "host/policy.h"
 #include "host/unique_fd.h"
 
 namespace ds::host {
@@ -34,13 +42,17 @@ class Session final : public Handler {
     static constexpr std::size_t answers_bytes_max = 262'144;
     static constexpr std::size_t answers_bytes_resume = 65'536;
 
-    Session(Server &server, std::uint64_t id, UniqueFd connection);
+    // Throws std::system_error when the loop cannot watch the connection.
+    Session(Server &server, std::uint64_t id, UniqueFd connection, const ucred &credentials,
+            Account &account);
     ~Session();
     Session(const Session &) = delete;
     Session &operator=(const Session &) = delete;
 
     std::uint64_t id() const { return id_; }
-    uid_t uid() const { return uid_; }
+    uid_t uid() const { return account_.uid; }
+    Account &account() { return account_; }
+    const Peer &peer();
     // Never 0 or 1, which have a meaning of their own in the directory: a client that is process 1,
     // or has no number in this pid namespace, gets one above all that the kernel gives.
     long process_id() const;
@@ -57,47 +69,62 @@ class Session final : public Handler {
     void drop_registration(Registration &registration);
     Registration *find_registration(std::uint32_t handle);
 
-    // ---- sending; everything leaves at the end of the turn, but for the answers to a long run of
-    // requests, which leave in portions so that the client can go on meanwhile ----
+    // The session's publications, to be counted by whoever makes and ends them.
+    void add_publication();
+    void remove_publication();
+
+    // ---- sending; in the slices of the user, behind the requests that were handled before ----
 
     // Where whole frames are appended.
     std::string &replies();
     void mark(Registration &registration); // to be told the latest state
-    void flush();
+    void flush();                          // what goes into one write
     std::size_t unsent_bytes() const { return outbound_.unsent_bytes(); }
 
     // ---- ending ----
 
-    void end();    // the client departs; what is queued is still sent
-    void drain();  // the same without the departure: the whole directory stops
-    void gone();   // nothing more is sent
-    void depart(); // out of the directory, now
-    bool is_gone() const { return state_ == State::gone; }
+    void end();   // the client departs; what is queued is still sent
+    void drain(); // the same without the departure: the whole directory stops
+    void gone();  // nothing more is sent
 
     // ---- the loop's side ----
 
     void on_ready(std::uint32_t events) override;
-    void handle_held_requests(); // those that waited for the client to take its answers
+    void serve(); // requests, or the departure, as far as the slice goes
+    void resume_if_taken();
 
   private:
     enum class State { greeting, open, draining, gone };
 
-    void read();
-    void handle(std::string_view bytes);
-    void send_answers();
+    bool has_to_wait() const;
+    bool handle_next();
+    bool read();
+    void pause();
+    void depart();
+    void go_on_departing();
+    void queue_to_serve();
     bool is_reading() const { return state_ == State::greeting || state_ == State::open; }
     void schedule();
+    void count_unsent();
     void update_interest();
 
     Server &server_;
     const std::uint64_t id_;
     UniqueFd fd_;
-    pid_t pid_ = 0;
-    uid_t uid_ = 0;
+    Account &account_;
+    const pid_t pid_;
+    const gid_t gid_;
+    std::optional<Peer> peer_;
     State state_ = State::greeting;
-    bool is_scheduled_ = false; // on the turn's list of sessions to flush
-    bool is_blocked_ = false;   // the socket was full; EPOLLOUT says when it is not
-    bool is_paused_ = false;    // requests wait
+    bool is_blocked_ = false;  // the socket was full; EPOLLOUT says when it is not
+    bool has_input_ = false;   // the socket may hold bytes
+    bool has_ended_ = false;   // the client sends nothing more, but for what the socket holds
+    bool has_hung_up_ = false; // nor does it read
+    Waiting to_serve_{*this};
+    Waiting to_flush_{*this};
+    Waiting paused_{*this};
+    std::size_t counted_unsent_ = 0;
+    std::uint64_t publications_ = 0;
     std::uint32_t interest_ = 0;
     ds_client_t *client_ = nullptr;
     FrameReader reader_;

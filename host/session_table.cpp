@@ -2,7 +2,8 @@
 
 namespace ds::host {
 
-Session &SessionTable::add(Server &server, UniqueFd connection) {
+Session &SessionTable::add(Server &server, UniqueFd connection, const ucred &credentials,
+                           Account &account) {
     if (free_.empty()) {
         free_.push_back(static_cast<std::uint32_t>(slots_.size()));
         slots_.emplace_back();
@@ -10,7 +11,8 @@ Session &SessionTable::add(Server &server, UniqueFd connection) {
     const std::uint32_t index = free_.back();
     Slot &slot = slots_[index];
     slot.generation++;
-    slot.session = std::make_unique<Session>(server, id_of(index), std::move(connection));
+    slot.session = std::make_unique<Session>(server, id_of(index), std::move(connection),
+                                             credentials, account);
     free_.pop_back(); // only now, as the session may fail to be made
     count_++;
     return *slot.session;

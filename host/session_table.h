@@ -12,7 +12,7 @@ namespace ds::host {
 class SessionTable {
   public:
     // Throws std::system_error when the loop cannot watch the connection.
-    Session &add(Server &server, UniqueFd connection);
+    Session &add(Server &server, UniqueFd connection, const ucred &credentials, Account &account);
     void remove(std::uint64_t id);
     Session *find(std::uint64_t id) const; // null when it is not there any more
 

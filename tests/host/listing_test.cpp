@@ -19,7 +19,8 @@ Page page_behind(const std::string &after, std::uint32_t limit) {
     list.set_after(after);
     list.set_limit(limit);
     std::string bytes;
-    encode_page(shared_server().directory(), list, bytes);
+    encode_page(
+        shared_server().directory(), list, [](std::string_view) { return true; }, bytes);
     v1::ListReply reply;
     if (!reply.ParseFromString(bytes)) throw std::runtime_error("unreadable page");
     Page page;

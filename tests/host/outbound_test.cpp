@@ -45,7 +45,10 @@ class OutboundTest : public testing::Test {
         registrations[i].cookie = cookie;
     }
     Outbound::Result send() {
-        const Outbound::Result result = outbound.send(near.get(), output);
+        Outbound::Result result = Outbound::Result::more;
+        std::size_t bytes = 0;
+        while (result == Outbound::Result::more)
+            result = outbound.send(near.get(), output, bytes);
         output.snapshots.clear();
         return result;
     }

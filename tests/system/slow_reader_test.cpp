@@ -200,9 +200,10 @@ class Flood {
         unsent_ = hello_frame();
     }
 
-    // False when nothing was taken although the daemon had several turns for it.
+    // False when nothing was taken although the daemon had many turns for it: what it reads at once
+    // can be thousands of requests, of which a turn handles a few.
     bool send_more(Client &witness) {
-        constexpr int turns = 5;
+        constexpr int turns = 2000;
         for (int turn = 0; turn < turns; turn++) {
             if (unsent_.size() < 4096) append();
             const std::size_t sent = socket.send_some(unsent_);
