@@ -96,9 +96,12 @@ void *ds_test_malloc(size_t size) {
 }
 
 void *ds_test_calloc(size_t count, size_t size) {
-    const bool fails = should_fail("calloc").fails;
+    const bool is_spared = take_spared(size);
+    const bool fails = should_fail("calloc").fails && !is_spared;
     note("calloc(" + std::to_string(count) + ", " + std::to_string(size) + ")" +
-         (fails ? " = null" : ""));
+         (is_spared ? " spared"
+          : fails   ? " = null"
+                    : ""));
     return fails ? nullptr : track_allocation(calloc(count, size), count * size);
 }
 

@@ -69,6 +69,13 @@ std::string name_of(const void *address);
 // and memdup together. result is what an int function then returns.
 constexpr uint32_t every = 0;
 void fail(std::string function, uint32_t nth = 1, int result = -1);
+// Makes the nth call from now and every later one fail, until clear_faults(). As with fail(), a
+// function has one fault at a time, the one that was set last.
+void fail_from(std::string function, uint32_t nth, int result = -1);
+// The next calloc of elements of this size does not fail, though it is counted; the log tells.
+// 0 for none.
+void spare_calloc_of(size_t element_size);
+bool take_spared(size_t element_size); // for calloc itself: whether this is the one
 void clear_faults();
 
 // For the platform functions themselves.

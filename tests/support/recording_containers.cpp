@@ -50,6 +50,10 @@ bool is_pool(const chunk_pool_t *pool) {
     return pools.count(const_cast<chunk_pool_t *>(pool)) != 0;
 }
 
+std::string failure_text(const Failure &failure) {
+    return failure.fails ? " = failure" : "";
+}
+
 // The header's left child is the top node; the header is the only node without a parent.
 bool is_header(const avl_node_t *node) {
     return node->parent == nullptr;
@@ -172,8 +176,8 @@ extern "C" void chunk_destroy(chunk_pool_t *pool) {
 
 extern "C" int avl_insert(avl_root_t *root, const void *key, avl_node_t *node,
                           avl_compare_fn compare) {
-    note("avl_insert(" + name_of(root) + ", " + name_of(node) + ")");
     const Failure failure = should_fail("avl_insert");
+    note("avl_insert(" + name_of(root) + ", " + name_of(node) + ")" + failure_text(failure));
     if (failure.fails) return failure.result;
     if (root == nullptr || key == nullptr || node == nullptr || compare == nullptr) return -1;
     avl_node_t *parent = &root->header;
@@ -294,8 +298,9 @@ extern "C" void *vanto_protected_hashtable_get(vanto_protected_hashtable_t *tabl
 
 extern "C" int vanto_protected_hashtable_put(vanto_protected_hashtable_t *table, void *key,
                                              void *value) {
-    note("vanto_protected_hashtable_put(" + std::to_string(table->key_hash(key)) + ")");
     const Failure failure = should_fail("vanto_protected_hashtable_put");
+    note("vanto_protected_hashtable_put(" + std::to_string(table->key_hash(key)) + ")" +
+         failure_text(failure));
     if (failure.fails) return failure.result;
     std::vector<Entry> &entries = tables[table];
     const bool is_present = std::any_of(entries.begin(), entries.end(), [&](const Entry &entry) {

@@ -1,6 +1,7 @@
 #include "recording.h"
 
 #include <algorithm>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <utility>
@@ -13,11 +14,15 @@ struct Range {
     std::string text;
 };
 
+// The calls from the first to the last one fail.
 struct Fault {
-    uint32_t nth;
+    uint32_t first;
+    uint32_t last;
     uint32_t seen;
     int result;
 };
+
+constexpr uint32_t no_end = std::numeric_limits<uint32_t>::max();
 
 std::mutex log_mutex;
 Lines log_lines;
@@ -25,6 +30,7 @@ Lines misuse_lines;
 std::map<const char *, Range> ranges;
 std::map<std::string, std::vector<Member>, std::less<>> members_of_kind;
 std::map<std::string, Fault, std::less<>> faults;
+size_t spared_size;
 
 bool starts_with_any(const std::string &line, Prefixes prefixes) {
     return std::any_of(prefixes.begin(), prefixes.end(),
@@ -47,7 +53,7 @@ Failure count_fault(std::string_view function) {
     if (found == faults.end()) return {};
     Fault &fault = found->second;
     ++fault.seen;
-    if (fault.nth != every && fault.seen != fault.nth) return {};
+    if (fault.seen < fault.first || fault.seen > fault.last) return {};
     return {true, fault.result};
 }
 
@@ -119,11 +125,27 @@ std::string name_of(const void *address) {
 }
 
 void fail(std::string function, uint32_t nth, int result) {
-    faults[std::move(function)] = Fault{nth, 0, result};
+    const bool is_every = nth == every;
+    faults[std::move(function)] = Fault{is_every ? 1 : nth, is_every ? no_end : nth, 0, result};
+}
+
+void fail_from(std::string function, uint32_t nth, int result) {
+    faults[std::move(function)] = Fault{nth, no_end, 0, result};
+}
+
+void spare_calloc_of(size_t element_size) {
+    spared_size = element_size;
+}
+
+bool take_spared(size_t element_size) {
+    if (spared_size == 0 || spared_size != element_size) return false;
+    spared_size = 0;
+    return true;
 }
 
 void clear_faults() {
     faults.clear();
+    spared_size = 0;
 }
 
 Failure should_fail(std::string_view function) {

@@ -114,9 +114,10 @@ extern "C" uint64_t fts_get_stamp_fast(void) {
 }
 
 extern "C" void *memdup(const void *bytes, size_t length) {
-    note("memdup(" + std::to_string(length) + ")");
+    const bool fails = should_fail("memdup").fails;
+    note("memdup(" + std::to_string(length) + ")" + (fails ? " = null" : ""));
     if (length == 0) misuse("memdup of no bytes");
-    if (should_fail("memdup").fails) return nullptr;
+    if (fails) return nullptr;
     void *copy = malloc(length);
     if (length != 0) memcpy(copy, bytes, length);
     return track_allocation(copy, length);

@@ -14,7 +14,6 @@ class AllocationScenario : public LifecycleTest {
     struct Operation {
         const char *name;
         std::function<void()> run;
-        bool is_dump = false;
     };
 
     AllocationScenario() {
@@ -31,6 +30,7 @@ class AllocationScenario : public LifecycleTest {
     ds_client_t *publisher = nullptr;
     ds_client_t *watcher = nullptr;
     ds_client_t *other = nullptr;
+    bool spares_dumps = true; // each gets its outermost array, without which the process ends
 
     // ---- what the host does ----
 
@@ -101,14 +101,19 @@ class AllocationScenario : public LifecycleTest {
         EXPECT_TRUE(result == 0 || result == -1) << result;
     }
 
-    static void dump(uint32_t flags, const char *name, const uint8_t *address) {
+    // The outermost array of a dump is the first of its kind in it.
+    void dump(uint32_t flags, const char *name, const uint8_t *address) const {
         ds_dump_resp_info resp;
         VIDL_CLEAR(&resp);
         resp.request_flags = flags;
         uint32_t elements = 0;
         uint32_t clients = 0;
+        if (spares_dumps)
+            recording::spare_calloc_of(flags == DS_DUMP_REQ_CLIENTS ? sizeof(ds_dump_client_info)
+                                                                    : sizeof(ds_dump_selem_info));
         EXPECT_EQ(
             ds_prepare_dump_resp_info(name, address, DS_SCOPE_ANY, &resp, &elements, &clients), 0);
+        recording::spare_calloc_of(0);
         for (uint32_t index = 0; index < resp.selem_infos_count; ++index) {
             recording::host_free(resp.selem_infos[index].service_infos);
             recording::host_free(resp.selem_infos[index].reg_entries);
@@ -128,9 +133,6 @@ class AllocationScenario : public LifecycleTest {
 
     void add(const char *name, std::function<void()> run) {
         operations.push_back({name, std::move(run)});
-    }
-    void add_dump(const char *name, std::function<void()> run) {
-        operations.push_back({name, std::move(run), true});
     }
     void add_arrivals();
     void add_own_restart();
@@ -294,12 +296,12 @@ inline void AllocationScenario::add_views() {
     });
     add("service dump to the log", [] { ds_db_dump(0); });
     add("registration dump to the log", [] { ds_db_reg_dump(0); });
-    add_dump("all services", [] { dump(DS_DUMP_REQ_SERVICES, nullptr, nullptr); });
-    add_dump("services of a node", [] { dump(DS_DUMP_REQ_SERVICES, nullptr, remote_address); });
-    add_dump("services of no node", [] { dump(DS_DUMP_REQ_SERVICES, nullptr, strange_address); });
-    add_dump("registrations", [] { dump(DS_DUMP_REQ_REGISTRATIONS, nullptr, nullptr); });
-    add_dump("clients", [] { dump(DS_DUMP_REQ_CLIENTS, nullptr, nullptr); });
-    add_dump("clients of a name", [] { dump(DS_DUMP_REQ_CLIENTS, "agent", nullptr); });
+    add("all services", [this] { dump(DS_DUMP_REQ_SERVICES, nullptr, nullptr); });
+    add("services of a node", [this] { dump(DS_DUMP_REQ_SERVICES, nullptr, remote_address); });
+    add("services of no node", [this] { dump(DS_DUMP_REQ_SERVICES, nullptr, strange_address); });
+    add("registrations", [this] { dump(DS_DUMP_REQ_REGISTRATIONS, nullptr, nullptr); });
+    add("clients", [this] { dump(DS_DUMP_REQ_CLIENTS, nullptr, nullptr); });
+    add("clients of a name", [this] { dump(DS_DUMP_REQ_CLIENTS, "agent", nullptr); });
 }
 
 inline void AllocationScenario::add_relay_restart() {

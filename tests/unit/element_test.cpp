@@ -89,8 +89,8 @@ TEST_F(ElementTest, a_failed_insert_is_logged_after_the_mutex_was_released) {
 
     EXPECT_EQ(ds_db_add_service_element(selem), -1);
 
-    EXPECT_EQ(recording::calls(), (Lines{"lock()", "avl_insert(db.selem_tree, selem#1)", "unlock()",
-                                         "rtrace_internal(err, 2)"}));
+    EXPECT_EQ(recording::calls(), (Lines{"lock()", "avl_insert(db.selem_tree, selem#1) = failure",
+                                         "unlock()", "rtrace_internal(err, 2)"}));
     EXPECT_EQ(recording::traces()[0].text,
               "[DS]: add service element for web failed.avl_insert error\n");
     EXPECT_STREQ(selem->name, "web") << "the element is still the caller's";
