@@ -195,6 +195,41 @@ TEST_F(ClusterOutageTest, a_service_that_goes_between_two_outages_leaves_no_trac
     expect_no_gap(1);
 }
 
+TEST_F(ClusterOutageTest, changes_before_and_between_two_outages_arrive_as_the_last_one) {
+    relay_goes_away();
+    publish_by(publishers[0], instance_of("web", "a;", 11));
+    relay_comes_back();
+    relay_goes_away();
+    publish_by(publishers[0], instance_of("web", "a;", 12));
+    relay_comes_back();
+    expect_news("have 3 2 11; have 3 2 12", "", "");
+    relay_periods_end();
+
+    expect_news("", "have 12 3 2", "have 12 3 2");
+    EXPECT_EQ(visible_everywhere("web"), "12@1 2@2 3@3");
+    EXPECT_EQ(relay_holds(), "web,12@1,v3 web,2@2,v1 web,3@3,v1");
+    EXPECT_EQ(relay.bounces(), Versions{});
+    for (const ds_service_t *service : records(*two, "web"))
+        EXPECT_EQ(service->flags, 0u);
+}
+
+TEST_F(ClusterOutageTest, a_service_gone_before_the_second_outage_goes_at_the_end_of_both) {
+    relay_goes_away();
+    withdraw_by(publishers[0], "web", DS_SCOPE_SYSTEM, "a;");
+    relay_comes_back();
+    relay_goes_away();
+    relay_comes_back();
+    relay_periods_end();
+
+    expect_news("have 3 2", "have 3 2", "have 3 2");
+    EXPECT_EQ(visible_everywhere("web"), "2@2 3@3");
+    EXPECT_EQ(relay_holds(), "web,2@2,v1 web,3@3,v1");
+    EXPECT_EQ(relay.bounces(), Versions{2}) << "once, by the first return";
+    EXPECT_EQ(relay.vain_deletions(), 0u);
+    expect_no_gap(2);
+    expect_no_gap(3);
+}
+
 TEST_F(ClusterOutageTest, live_updates_of_the_period_follow_its_end) {
     relay_goes_away();
     relay_comes_back();

@@ -242,6 +242,14 @@ TEST_F(DumpDeathTest, without_memory_for_the_element_records_the_process_ends) {
                  ends_with("658", "ds_prepare_dump_resp_info", "info != NULL"));
 }
 
+TEST_F(DumpDeathTest, without_memory_for_the_records_of_watched_names_the_process_ends) {
+    watch(publisher, "web");
+    recording::fail("calloc");
+
+    EXPECT_DEATH(dump(DS_DUMP_REQ_REGISTRATIONS),
+                 ends_with("658", "ds_prepare_dump_resp_info", "info != NULL"));
+}
+
 TEST_F(DumpDeathTest, without_memory_for_the_client_records_the_process_ends) {
     recording::fail("calloc");
 
@@ -263,4 +271,6 @@ TEST_F(DumpDeathTest, a_service_without_endpoints_beside_one_with_ends_the_proce
     ASSERT_EQ(services_of(element("web")).size(), 2u);
 
     EXPECT_DEATH(dump(DS_DUMP_REQ_SERVICES), ends_with("399", "ds_fill_services", "count == 1"));
+    EXPECT_DEATH(dump(DS_DUMP_REQ_CLIENTS),
+                 ends_with("318", "ds_fill_client_services", "count == 1"));
 }
