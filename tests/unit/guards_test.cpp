@@ -54,13 +54,14 @@ TEST_F(GuardsTest, a_client_name_needs_a_client_and_somewhere_to_go) {
 
 // ---- elements and registrations ----
 
-TEST_F(GuardsTest, an_element_is_not_added_without_a_database) {
+TEST_F(GuardsTest, an_element_is_neither_added_nor_freed_without_a_database) {
     ds_service_elem_t *other = nullptr;
     ASSERT_EQ(ds_db_init_service_element("other", &other), 0);
     recording::clear_calls();
 
     forget_database();
     EXPECT_EQ(ds_db_add_service_element(other), -1);
+    EXPECT_EQ(ds_db_free_service_element(other), -1);
     restore_database();
 
     EXPECT_EQ(recording::calls(), Lines{});
@@ -106,14 +107,16 @@ TEST_F(GuardsTest, a_service_without_an_element_is_freed_uncounted) {
 
 TEST_F(GuardsTest, a_service_without_an_element_is_traced_with_nothing_of_it) {
     ds_service_t *service = new_service(web, one_endpoint("web"), client);
+    const std::string line = "service_name web, scope=LOCAL[3],nentries=1,nnotifs=0,serv_ver=0\n";
     web->nnotifs = 4;
     service->selem = nullptr;
+    open_console();
 
     trace_service_info(service, ds_lib_rtrace[DS_CHANNEL_PUB]);
 
     service->selem = web;
-    EXPECT_EQ(texts(58),
-              Lines{"service_name web, scope=LOCAL[3],nentries=1,nnotifs=0,serv_ver=0\n"});
+    EXPECT_EQ(texts(58), Lines{line});
+    EXPECT_NE(console().find(line), std::string::npos);
 }
 
 TEST_F(GuardsTest, a_service_is_not_freed_without_a_database) {

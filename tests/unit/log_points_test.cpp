@@ -312,6 +312,21 @@ TEST_P(LogPointsTest, publications_that_fail) {
     EXPECT_EQ(fired(), (Ids{33, 42, 44}));
 }
 
+TEST_P(LogPointsTest, a_new_record_whose_database_goes_before_it_is_added) {
+    static ds_globals_t *block;
+    block = &globals;
+    globals.slot[DS_GLOBAL_SLOT_CLIENT_PID] =
+        reinterpret_cast<uint64_t>(static_cast<ds_client_pid_fn>([](uint64_t) -> long {
+            block->slot[DS_GLOBAL_SLOT_DB] = 0;
+            return 100;
+        }));
+
+    ds_db_handle_service_new(client->client_idx, local_node, new_info(info()), web, client, 0);
+
+    EXPECT_EQ(fired(), Ids{34});
+    expect_leaks(); // the record stays with nobody
+}
+
 TEST_P(LogPointsTest, withdrawals_by_a_client_and_by_the_relay) {
     const ds_dsr_service_ref_t ref{77, 1};
     new_service(web, info(3), client);
@@ -347,6 +362,7 @@ TEST_P(LogPointsTest, withdrawals_that_fail) {
 
 TEST_P(LogPointsTest, replays_of_the_relay) {
     const ds_dsr_service_ref_t ref{77, 4};
+    const ds_dsr_service_ref_t first{78, 1};
     run_timer(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER);
     new_service(web, info(), nullptr, remote_node, 500);
     clear_log();
@@ -356,8 +372,10 @@ TEST_P(LogPointsTest, replays_of_the_relay) {
     publish(501, remote_node, info(), &ref);
     EXPECT_EQ(fired(), (Ids{8, 9, 10, 14}));
     publish(501, remote_node, info(), &ref);
-
     EXPECT_EQ(fired(), (Ids{8, 9, 10, 11, 14}));
+    publish(502, remote_node, info(), &first);
+
+    EXPECT_NE(console().find("...new service"), std::string::npos);
 }
 
 TEST_P(LogPointsTest, a_replay_without_memory) {
