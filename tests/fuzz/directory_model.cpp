@@ -4,166 +4,306 @@
 
 namespace ds::fuzz {
 
-namespace {
-
-std::vector<std::string> live_entries(const ElementState &element) {
-    std::vector<std::string> entries;
+Endpoints live_endpoints(const ElementState &element) {
+    Endpoints live;
     for (const ServiceState &service : element.services)
-        if (!service.is_placeholder()) entries.push_back(service.entry);
-    return entries;
+        if (!service.is_placeholder())
+            live.insert(live.end(), service.endpoints.begin(), service.endpoints.end());
+    return live;
 }
 
-// The wanted instance is a prefix; proc_id and scope of 0 mean any, and placeholders are anybody's.
-bool matches(const ServiceState &service, const Target &target) {
+std::uint32_t scope_of(const Endpoints &endpoints) {
+    return endpoints.empty() ? 0 : endpoints.front().scope;
+}
+
+bool same_addresses(const Endpoints &a, const Endpoints &b) {
+    return !a.empty() && std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                                    [](const Endpoint &one, const Endpoint &other) {
+                                        return one.type == other.type &&
+                                               one.address == other.address;
+                                    });
+}
+
+void DirectoryModel::count(ElementState &element, Count which) {
+    element.counts[which]++;
+    if (which != remote_changes) state.counts[which]++;
+}
+
+// ---- clients and registrations ----
+
+ClientState *DirectoryModel::client(std::uint64_t handle) {
+    for (ClientState &client : state.clients)
+        if (client.handle == handle) return &client;
+    return nullptr;
+}
+
+ClientState *DirectoryModel::client_with_index(std::uint32_t index) {
+    for (ClientState &client : state.clients)
+        if (client.index == index) return &client;
+    return nullptr;
+}
+
+void DirectoryModel::add_client(std::uint64_t handle, std::uint32_t pid, const std::string &name) {
+    state.counts[clients_added]++;
+    auto &clients = state.clients;
+    const auto first_of_process = std::find_if(
+        clients.begin(), clients.end(), [&](const ClientState &other) { return other.pid == pid; });
+    const auto place = first_of_process == clients.end() ? clients.begin() : first_of_process + 1;
+    clients.insert(place, {handle, ++state.last_client_index, pid, name, 0, {}});
+}
+
+void DirectoryModel::delete_client(std::uint64_t handle) {
+    state.counts[clients_deleted]++;
+    for (auto &[name, element] : state.elements) {
+        const auto gone = std::erase_if(element.registrations,
+                                        [&](const auto &other) { return other.client == handle; });
+        for (std::size_t i = 0; i < gone; i++)
+            count(element, registrations_deleted);
+    }
+    std::map<std::size_t, std::pair<std::string, ServiceState *>> owned; // by rank
+    for (auto &[name, element] : state.elements)
+        for (ServiceState &service : element.services)
+            if (service.client == handle) owned[service.rank] = {name, &service};
+    for (auto &[rank, entry] : owned)
+        take_down(entry.first, *entry.second, handle);
+    std::erase_if(state.clients, [&](const auto &other) { return other.handle == handle; });
+}
+
+void DirectoryModel::add_registration(const std::string &name, std::uint64_t client_handle,
+                                      std::uint64_t cookie) {
+    ClientState &owner = *client(client_handle);
+    ElementState &element = state.elements[name];
+    element.registrations.push_front({client_handle, ++owner.last_registration, cookie, 0, 0});
+    count(element, registrations_added);
+    owner.counts[client_registered]++;
+}
+
+bool DirectoryModel::delete_registration(const std::string &name, std::uint64_t client_handle,
+                                         std::uint32_t handle) {
+    const auto element = state.elements.find(name);
+    if (element == state.elements.end()) return false;
+    const auto gone = std::erase_if(element->second.registrations, [&](const auto &other) {
+        return other.client == client_handle && other.handle == handle;
+    });
+    if (gone == 0) return false;
+    count(element->second, registrations_deleted);
+    client(client_handle)->counts[client_unregistered]++;
+    return true;
+}
+
+void DirectoryModel::link(ServiceState &service, std::uint64_t client_handle) {
+    unlink(service);
+    for (auto &[name, element] : state.elements)
+        for (ServiceState &other : element.services)
+            if (other.client == client_handle) other.rank++;
+    service.client = client_handle;
+    service.rank = 0;
+}
+
+void DirectoryModel::unlink(ServiceState &service) {
+    if (service.client == 0) return;
+    for (auto &[name, element] : state.elements)
+        for (ServiceState &other : element.services)
+            if (other.client == service.client && other.rank > service.rank) other.rank--;
+    service.client = 0;
+    service.rank = 0;
+}
+
+// ---- the steps ----
+
+bool DirectoryModel::matches(const ServiceState &service, const Target &target) const {
     const bool instance_fits =
         !target.instance || (service.instance && service.instance->starts_with(*target.instance));
-    const bool process_fits =
-        target.proc_id == 0 || service.is_placeholder() || service.proc_id == target.proc_id;
-    const bool scope_fits = target.scope == 0 || service.scope == target.scope;
+    const bool is_anybodys = service.is_placeholder() && !is_relay_period;
+    const std::uint32_t process = service.is_placeholder() ? service.pid : service.proc_id;
+    const bool process_fits = target.proc_id == 0 || is_anybodys || process == target.proc_id;
+    const bool node_fits = target.node == nullptr || service.node == target.node;
     const bool id_fits = target.id == 0 || service.id == target.id;
-    return instance_fits && process_fits && scope_fits && id_fits && service.node == target.node;
-}
-
-} // namespace
-
-void DirectoryModel::adopt(Elements new_elements, std::map<RegistrationKey, Told> new_told,
-                           std::uint32_t next_id) {
-    elements = std::move(new_elements);
-    told = std::move(new_told);
-    next_id_ = next_id;
+    const bool scope_counts = target.proc_id != 0 || target.node != nullptr;
+    const bool scope_fits = !scope_counts || target.scope == 0 || service.scope == target.scope;
+    return instance_fits && process_fits && node_fits && id_fits && scope_fits;
 }
 
 ServiceState *DirectoryModel::find(const Target &target) {
-    const auto element = elements.find(target.name);
-    if (element == elements.end()) return nullptr;
+    const auto element = state.elements.find(target.name);
+    if (element == state.elements.end()) return nullptr;
     for (ServiceState &service : element->second.services)
         if (matches(service, target)) return &service;
     return nullptr;
 }
 
-void DirectoryModel::publish(const Target &target, const std::uint64_t *client,
-                             const std::string &entry) {
-    ElementState &element = elements[target.name];
-    if (ServiceState *service = find(target)) {
-        if (service->is_placeholder() && client != nullptr) {
-            service->proc_id = clients[*client].index;
-            service->pid = clients[*client].process;
-            service->client = *client;
-        }
-        service->entry = entry;
-        service->gen++;
-    } else {
-        ServiceState made;
-        made.id = target.id != 0 ? target.id : next_id_++;
-        made.proc_id = target.proc_id;
-        made.pid = client != nullptr ? clients[*client].process : target.proc_id;
-        made.node = target.node;
-        made.scope = target.scope;
-        made.instance = target.instance;
-        made.entry = entry;
-        made.client = client != nullptr ? *client : 0;
-        element.services.push_front(made);
-    }
-    element.version++;
-    tell_all(target.name, element);
+ServiceState DirectoryModel::make_service(const Target &target, const Endpoints &endpoints,
+                                          const ClientState *publisher) {
+    ServiceState made;
+    made.id = target.id != 0 ? target.id : state.next_service_id++;
+    made.proc_id = target.proc_id;
+    made.pid = publisher != nullptr ? publisher->pid : target.proc_id;
+    made.node = target.node;
+    made.scope = scope_of(endpoints);
+    if (!endpoints.empty()) made.instance = endpoints.front().instance;
+    made.endpoints = endpoints;
+    return made;
 }
 
-bool DirectoryModel::withdraw(const Target &target) {
-    const ServiceState *service = find(target);
-    if (service == nullptr) return false;
-    const auto &services = elements[target.name].services;
-    for (std::size_t i = 0; i < services.size(); i++)
-        if (&services[i] == service) {
-            remove_at(target.name, i);
-            break;
+ServiceState &DirectoryModel::add_service(const std::string &name, ServiceState service,
+                                          std::uint64_t client_handle) {
+    ElementState &element = state.elements[name];
+    element.services.push_front(std::move(service));
+    ServiceState &added = element.services.front();
+    element.version++;
+    if (added.node != local_) {
+        count(element, remote_changes);
+        count(element, remote_added);
+    } else if (!added.is_placeholder()) {
+        count(element, local_added);
+    }
+    if (client_handle != 0) {
+        link(added, client_handle);
+        client(client_handle)->counts[client_published]++;
+    }
+    if (!added.is_placeholder()) state.nodes[added.node][node_added]++;
+    return added;
+}
+
+void DirectoryModel::update_service(const std::string &name, ServiceState &service,
+                                    const Endpoints &endpoints, std::uint64_t client_handle) {
+    ElementState &element = state.elements[name];
+    service.endpoints = endpoints;
+    service.gen++;
+    element.version++;
+    if (client_handle != 0) client(client_handle)->counts[client_updated]++;
+    if (service.is_placeholder()) {
+        if (client_handle != 0) link(service, client_handle);
+        return;
+    }
+    count(element, service.node == local_ ? local_updated : remote_updated);
+    if (service.node != local_) count(element, remote_changes);
+    state.nodes[service.node][node_updated]++;
+}
+
+// A placeholder was never seen, so nothing counts it when it goes.
+void DirectoryModel::delete_service(const std::string &name, ServiceState &service,
+                                    std::uint64_t client_handle) {
+    if (!service.is_placeholder()) {
+        ElementState &element = state.elements[name];
+        element.version++;
+        count(element, service.node == local_ ? local_deleted : remote_deleted);
+        if (service.node != local_) count(element, remote_changes);
+        if (client_handle != 0) client(client_handle)->counts[client_deleted]++;
+        state.nodes[service.node][node_deleted]++;
+    }
+    drop(name, service);
+}
+
+void DirectoryModel::drop(const std::string &name, const ServiceState &service) {
+    auto &services = state.elements[name].services;
+    const auto at = std::find_if(services.begin(), services.end(),
+                                 [&](const ServiceState &other) { return &other == &service; });
+    unlink(*at);
+    services.erase(at);
+}
+
+// ---- publishing and withdrawing ----
+
+int DirectoryModel::publish(const Target &target, const Endpoints &endpoints,
+                            const RelayReference &reference) {
+    state.elements[target.name]; // stays, whatever becomes of the publication
+    const bool is_local = target.node == local_;
+    if (reference && (is_relay_period || (is_own_period && is_local))) {
+        replay(target, endpoints, *reference);
+        return 0;
+    }
+    const ClientState *publisher = nullptr;
+    if (is_local && !reference) {
+        publisher = client_with_index(target.proc_id);
+        if (publisher == nullptr) return -1;
+    }
+    const std::uint64_t handle = publisher != nullptr ? publisher->handle : 0;
+    ServiceState *service = find(target);
+    if (service != nullptr) {
+        const bool is_takeover = service->is_placeholder() && publisher != nullptr;
+        update_service(target.name, *service, endpoints, handle);
+        if (is_takeover) {
+            service->proc_id = publisher->index;
+            service->pid = publisher->pid;
         }
+        if (is_local && is_own_period)
+            service->flags = (service->flags & ~std::uint32_t{DS_SERVICE_FLAG_DSR_CONFIRMED}) |
+                             DS_SERVICE_FLAG_RECONCILE;
+    } else {
+        service = &add_service(target.name, make_service(target, endpoints, publisher), handle);
+        if (is_local && is_own_period && scope_of(endpoints) != DS_SCOPE_LOCAL)
+            merge_twin(target.name, *service);
+    }
+    send_publication(target.name, *service);
+    notify(target.name);
+    return 0;
+}
+
+int DirectoryModel::withdraw(const Target &target) {
+    const ClientState *publisher = nullptr;
+    if (target.node == local_) {
+        publisher = client_with_index(target.proc_id);
+        if (publisher == nullptr) return -1;
+    }
+    ServiceState *service = find(target);
+    if (service == nullptr) return -1;
+    take_down(target.name, *service, publisher != nullptr ? publisher->handle : 0);
+    return 0;
+}
+
+void DirectoryModel::take_down(const std::string &name, ServiceState &service,
+                               std::uint64_t client_handle) {
+    const bool is_announced = !service.endpoints.empty();
+    const std::uint32_t scope = scope_of(service.endpoints);
+    if (service.node == local_ && (scope == DS_SCOPE_RACK || scope == DS_SCOPE_SYSTEM))
+        send(name, service, DS_REMOTE_WITHDRAWN);
+    delete_service(name, service, client_handle);
+    if (is_announced) notify(name);
+    const ElementState &element = state.elements[name];
+    if (element.services.empty() && element.registrations.empty()) state.elements.erase(name);
+}
+
+// ---- notifications ----
+
+// False when the registration has seen this version.
+bool DirectoryModel::tell(const std::string &name, ElementState &element,
+                          RegistrationState &registration, const Endpoints &live) {
+    if (registration.version_told != 0 && registration.version_told == element.version)
+        return false;
+    registration.version_told = element.version;
+    registration.times_told++;
+    client(registration.client)->counts[client_notified]++;
+    Event event;
+    event.client = registration.client;
+    event.handle = registration.handle;
+    event.cookie = registration.cookie;
+    event.name = name;
+    event.endpoints = live;
+    event.kind = Event::deletion;
+    if (live.empty()) events.push_back(event);
+    event.kind = Event::message;
+    events.push_back(std::move(event));
     return true;
 }
 
-// A placeholder was never seen, so nobody sees it go.
-void DirectoryModel::remove_at(const std::string &name, std::size_t index) {
-    ElementState &element = elements[name];
-    const auto at = element.services.begin() + static_cast<std::ptrdiff_t>(index);
-    if (!at->is_placeholder()) element.version++;
-    element.services.erase(at);
-    tell_all(name, element);
-    if (element.services.empty() && element.registrations.empty()) elements.erase(name);
-}
-
-void DirectoryModel::register_name(const std::string &name, RegistrationKey key,
-                                   std::uint64_t cookie) {
-    elements[name].registrations[key] = {cookie, 0};
-}
-
-void DirectoryModel::unregister(const std::string &name, RegistrationKey key) {
-    elements[name].registrations.erase(key);
-    told.erase(key);
-}
-
-void DirectoryModel::tell(const std::string &name, const ElementState &element,
-                          RegistrationKey key) {
-    told[key] = {name, element.registrations.at(key).cookie, live_entries(element)};
-}
-
-void DirectoryModel::tell_all(const std::string &name, ElementState &element) {
-    for (auto &[key, registration] : element.registrations) {
-        const bool has_seen =
-            registration.version_told != 0 && registration.version_told == element.version;
-        if (has_seen) continue;
-        registration.version_told = element.version;
-        tell(name, element, key);
+void DirectoryModel::notify(const std::string &name) {
+    ElementState &element = state.elements[name];
+    const Endpoints live = live_endpoints(element);
+    Event hook;
+    hook.name = name;
+    hook.endpoints = live;
+    events.push_back(std::move(hook));
+    for (RegistrationState &registration : element.registrations) {
+        count(element, notifications);
+        tell(name, element, registration, live);
     }
 }
 
-void DirectoryModel::tell_one(const std::string &name, RegistrationKey key) {
-    ElementState &element = elements[name];
-    RegistrationState &registration = element.registrations[key];
-    const bool has_seen =
-        registration.version_told != 0 && registration.version_told == element.version;
-    if (has_seen || live_entries(element).empty()) return;
-    registration.version_told = element.version;
-    tell(name, element, key);
-}
-
-void DirectoryModel::delete_client(std::uint64_t client) {
-    for (auto &[name, element] : elements)
-        std::erase_if(element.registrations,
-                      [&](const auto &pair) { return pair.first.first == client; });
-    std::erase_if(told, [&](const auto &pair) { return pair.first.first == client; });
-    std::vector<std::string> names;
-    for (const auto &[name, element] : elements)
-        for (const ServiceState &service : element.services)
-            if (service.client == client) names.push_back(name);
-    for (const std::string &name : names) {
-        const auto &services = elements[name].services;
-        const auto own = std::find_if(services.begin(), services.end(), [&](const auto &service) {
-            return service.client == client;
-        });
-        remove_at(name, static_cast<std::size_t>(own - services.begin()));
-    }
-    clients.erase(client);
-}
-
-// Every version rises, whether or not the name lost anything; empty names stay.
-void DirectoryModel::node_down(const ds_node_t *node) {
-    for (auto &[name, element] : elements) {
-        const auto removed = std::erase_if(
-            element.services, [&](const auto &service) { return service.node == node; });
-        element.version++;
-        if (removed != 0) tell_all(name, element);
-    }
-}
-
-std::uint32_t DirectoryModel::published_names() const {
-    return static_cast<std::uint32_t>(
-        std::count_if(elements.begin(), elements.end(),
-                      [](const auto &pair) { return !live_entries(pair.second).empty(); }));
-}
-
-std::uint32_t DirectoryModel::registered_names() const {
-    return static_cast<std::uint32_t>(
-        std::count_if(elements.begin(), elements.end(),
-                      [](const auto &pair) { return !pair.second.registrations.empty(); }));
+void DirectoryModel::notify_one(const std::string &name, RegistrationState &registration) {
+    ElementState &element = state.elements[name];
+    const Endpoints live = live_endpoints(element);
+    if (!live.empty()) tell(name, element, registration, live);
 }
 
 } // namespace ds::fuzz

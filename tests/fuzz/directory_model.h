@@ -1,58 +1,94 @@
-// A plain directory: what publishing, registering and the rest do to names, written without the
-// library's lists, trees and records. Exact while no restart period is open.
+// A plain directory: what every operation does to names, clients, counters and the outside, written
+// without the library's lists, trees and records. Each operation appends what has to be told, in
+// order, to `events`.
 #pragma once
-#include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "directory_state.h"
 
 namespace ds::fuzz {
 
-struct ModelClient {
-    std::uint32_t index = 0;
-    std::uint32_t process = 0;
-};
-
-// What a publication or withdrawal names. The relay's has an id and no client.
+// What a publication, a withdrawal or a look-up names.
 struct Target {
     std::string name;
-    std::optional<std::string> instance;
+    std::optional<std::string> instance; // a prefix; none for any
     std::uint32_t scope = 0;
-    std::uint32_t proc_id = 0;
+    std::uint32_t proc_id = 0; // 0 for any
     const ds_node_t *node = nullptr;
     std::uint32_t id = 0; // 0 for any
 };
 
+using RelayReference = std::optional<ds_dsr_service_ref_t>; // none: a client of this node
+
 class DirectoryModel {
   public:
-    // Takes over what is there: after a restart period, which the model does not follow.
-    void adopt(Elements elements, std::map<RegistrationKey, Told> told, std::uint32_t next_id);
+    DirectoryModel(DirectoryState start, const ds_node_t *local_node)
+        : state(std::move(start)), local_(local_node) {}
 
-    // client: the publisher's handle, null for the relay. entry: the endpoint entry as text.
-    void publish(const Target &target, const std::uint64_t *client, const std::string &entry);
-    void leave_empty_element(const std::string &name) { elements[name]; }
-    bool withdraw(const Target &target); // false: there is no such service
-    void register_name(const std::string &name, RegistrationKey key, std::uint64_t cookie);
-    void unregister(const std::string &name, RegistrationKey key);
-    void tell_one(const std::string &name, RegistrationKey key);
-    void delete_client(std::uint64_t client);
+    // clients and registrations
+    void add_client(std::uint64_t handle, std::uint32_t pid, const std::string &name);
+    void delete_client(std::uint64_t handle);
+    void add_registration(const std::string &name, std::uint64_t client, std::uint64_t cookie);
+    bool delete_registration(const std::string &name, std::uint64_t client, std::uint32_t handle);
+    ClientState *client(std::uint64_t handle);
+    ClientState *client_with_index(std::uint32_t index);
+
+    // services
+    int publish(const Target &target, const Endpoints &endpoints, const RelayReference &reference);
+    int withdraw(const Target &target);
+    void take_down(const std::string &name, ServiceState &service, std::uint64_t client);
+    ServiceState *find(const Target &target);
+
+    // the steps that publishing and withdrawing consist of
+    ServiceState make_service(const Target &target, const Endpoints &endpoints,
+                              const ClientState *client);
+    ServiceState &add_service(const std::string &name, ServiceState service, std::uint64_t client);
+    void update_service(const std::string &name, ServiceState &service, const Endpoints &endpoints,
+                        std::uint64_t client);
+    void delete_service(const std::string &name, ServiceState &service, std::uint64_t client);
+
+    // notifications
+    void notify(const std::string &name);
+    void notify_one(const std::string &name, RegistrationState &registration);
+
+    // relay and restart periods
+    int receive(std::uint32_t operation, const Target &target, std::uint32_t version,
+                const Endpoint &endpoint);
+    void send(const std::string &name, ServiceState &service, std::uint32_t request);
+    void connect();
+    void disconnect();
+    void mark_remote_services();
+    void finalize_restart();
     void node_down(const ds_node_t *node);
 
-    std::uint32_t published_names() const; // with a service that is no placeholder
-    std::uint32_t registered_names() const;
-
-    Elements elements;
-    std::map<RegistrationKey, Told> told;
-    std::map<std::uint64_t, ModelClient> clients; // by handle
+    DirectoryState state;
+    std::vector<Event> events;
+    bool is_own_period = false;
+    bool is_relay_period = false;
 
   private:
-    ServiceState *find(const Target &target);
-    void tell_all(const std::string &name, ElementState &element);
-    void tell(const std::string &name, const ElementState &element, RegistrationKey key);
-    void remove_at(const std::string &name, std::size_t index);
+    bool matches(const ServiceState &service, const Target &target) const;
+    void count(ElementState &element, Count which);
+    void link(ServiceState &service, std::uint64_t client);
+    void unlink(ServiceState &service);
+    void drop(const std::string &name, const ServiceState &service);
+    bool tell(const std::string &name, ElementState &element, RegistrationState &registration,
+              const Endpoints &live);
+    void send_publication(const std::string &name, ServiceState &service);
+    void replay(const Target &target, const Endpoints &endpoints,
+                const ds_dsr_service_ref_t &reference);
+    void merge_twin(const std::string &name, ServiceState &service);
+    bool settle_local(const std::string &name, ServiceState &service);
+    bool settle_remote(const std::string &name, ServiceState &service);
 
-    std::uint32_t next_id_ = 0;
+    const ds_node_t *local_;
+    bool is_connected_ = false;
 };
+
+Endpoints live_endpoints(const ElementState &element);
+std::uint32_t scope_of(const Endpoints &endpoints);
+bool same_addresses(const Endpoints &a, const Endpoints &b);
 
 } // namespace ds::fuzz

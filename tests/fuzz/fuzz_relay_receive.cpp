@@ -1,5 +1,5 @@
 // Arbitrary updates from the relay, about other nodes and this one, in and out of restart periods.
-#include <cstring>
+#include <algorithm>
 
 #include "harness.h"
 #include "input.h"
@@ -10,9 +10,7 @@ namespace {
 constexpr std::size_t updates_max = 64;
 
 Address sender(Input &input) {
-    Address address = local_address;
-    address[5] = static_cast<std::uint8_t>(input.below(4)); // 0: this node
-    return address;
+    return address_of(input.below(node_count));
 }
 
 const void *pointer(const std::vector<std::uint8_t> &bytes) {
@@ -32,7 +30,7 @@ void receive(Input &input) {
     const std::uint32_t version = input.number();
     const auto endpoint = input.bytes(input.byte());
     const auto attributes = input.bytes(input.byte());
-    const std::size_t sent_before = harness.sent.size();
+    harness.events.clear();
 
     const int result =
         dsr_receive_cb(operation, from.data(), name.c_str(), id,
@@ -40,31 +38,33 @@ void receive(Input &input) {
                        pointer(endpoint), endpoint.size(), pointer(attributes), attributes.size());
 
     require(result == 0 || result == -1, "a result that is none");
-    const bool is_own = from == local_address;
-    if (is_own && !harness.is_period_open()) {
-        require(result == 0 && harness.sent.size() == sent_before + 1, "not turned back");
-        require(harness.sent.back().operation == DSR_DELETE &&
-                    harness.sent.back().version == version + 1,
+    const bool is_own = from == address_of(0);
+    const auto is_update = [](const Event &event) { return event.kind == Event::update; };
+    const auto &events = harness.events;
+    if (is_own && !harness.is_own_period_open()) {
+        require(result == 0 && events.size() == 1 && is_update(events[0]), "not turned back");
+        require(events[0].operation == DSR_DELETE && events[0].version == version + 1,
                 "turned back with another update than a later deletion");
+    } else {
+        require(std::none_of(events.begin(), events.end(), is_update), "a delivery was sent");
+        const bool is_publication = operation != DSR_DELETE;
+        require(!is_publication || result == 0, "a publication was refused");
     }
-    if (!is_own) require(harness.sent.size() == sent_before, "an update of another node was sent");
-    if (operation != DSR_DELETE && !is_own) require(result == 0, "a publication was refused");
 }
 
 void publish_local(Input &input, const ds_client_t *client) {
-    ds_service_publish_info info;
     const std::string name = input.text(input.below(8));
-    fill_info(info, name.c_str(), nullptr, static_cast<std::uint32_t>(input.below(4)),
-              input.byte());
-    info.borrowed = 1;
-    ds_db_publish_service(client->client_idx, Harness::instance().local_node(), &info, nullptr);
-    if (info.held == 0) discard_info(info);
+    const auto scope = static_cast<std::uint32_t>(input.below(4));
+    PublishInfo info(name, {ip_endpoint(input.byte(), scope, std::nullopt)}, true);
+    const int result = ds_db_publish_service(client->client_idx, Harness::instance().local_node(),
+                                             info.get(), nullptr);
+    require(result == 0 && info.settle(), "a client's publication was refused");
 }
 
 void step(Input &input, ds_client_t *client) {
     Harness &harness = Harness::instance();
     ds_client_reg_t *registration = nullptr;
-    switch (input.below(16)) {
+    switch (input.below(18)) {
     case 0:
         harness.open_own_period();
         break;
@@ -89,6 +89,9 @@ void step(Input &input, ds_client_t *client) {
     case 7:
         ds_db_add_new_registration(input.text(input.below(8)).c_str(), client, 1, &registration);
         break;
+    case 8:
+        harness.check_structure();
+        break;
     default:
         receive(input);
         break;
@@ -102,11 +105,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     using namespace ds::fuzz;
     Input input(data, size);
     Harness &harness = Harness::instance();
+    harness.set_console(input.below(32) == 0);
     ds_client_t *client = harness.add_client();
-    for (std::size_t i = 0; i < updates_max && !input.is_at_end(); i++) {
+    for (std::size_t i = 0; i < updates_max && !input.is_at_end(); i++)
         step(input, client);
-        harness.check_structure();
-    }
+    harness.check_structure();
     harness.reset();
     return 0;
 }

@@ -12,6 +12,8 @@ namespace ds::fuzz {
 namespace {
 
 constexpr std::uint32_t endless_s = 1'000'000; // timers expire when an input says so
+constexpr std::uint32_t first_client_index = 11;
+constexpr std::uint32_t first_service_id = 0x10000;
 
 std::uint64_t now_ns(void *) {
     return 0;
@@ -48,16 +50,8 @@ char *text_copy(const char *text) {
 
 } // namespace
 
-std::string entry_text(const ds_service_info_t &entry) {
-    std::string text = std::to_string(entry.scope) + '/';
-    if (VIDL_PRESENT(&entry, DS_SINFO_BIT_INSTANCE)) text += std::string("'") + entry.instance;
-    text += '/';
-    for (std::uint64_t i = 0; i < entry.ep_addr_len; i++) {
-        std::array<char, 4> hex;
-        std::snprintf(hex.data(), hex.size(), "%02x", entry.ep_addr[i]);
-        text += hex.data();
-    }
-    return text;
+Address address_of(std::size_t node) {
+    return {2, 0, 0, 0, 0, static_cast<std::uint8_t>(node)};
 }
 
 Harness &Harness::instance() {
@@ -69,7 +63,7 @@ Harness::Harness() {
     require(ds_server_lib_init(nullptr) == 0, "the trace channels cannot be opened");
     const mgd_timer_loop_t loop = {nullptr, now_ns, ignore_arm, ignore_disarm, settle};
     block_.slot[DS_GLOBAL_SLOT_TIMER_PARENT] = slot_value(mgd_timer_parent_new(&loop));
-    block_.slot[DS_GLOBAL_SLOT_CONSOLE] = slot_value(std::fopen("/dev/null", "we"));
+    console_ = std::fopen("/dev/null", "we");
     block_.slot[DS_GLOBAL_SLOT_NOTIFY_HOOK] = slot_value(on_hook);
     block_.slot[DS_GLOBAL_SLOT_CLIENT_SEND] = slot_value(on_send);
     block_.slot[DS_GLOBAL_SLOT_CLIENT_DELETE] = slot_value(on_delete);
@@ -77,17 +71,24 @@ Harness::Harness() {
     block_.slot[DS_GLOBAL_SLOT_CLIENT_NAME] = slot_value(name_of);
     ds_globals_set(&block_);
     require(ds_db_init() == 0, "the database cannot be made");
-    local_node_ =
-        reinterpret_cast<ds_node_t *>(platform_get_nodeid_from_ethaddr(local_address.data()));
-    block_.slot[DS_GLOBAL_SLOT_LOCAL_NODE] = slot_value(local_node_);
+    for (std::size_t i = 0; i < node_count; i++)
+        nodes_.push_back(
+            reinterpret_cast<ds_node_t *>(platform_get_nodeid_from_ethaddr(address_of(i).data())));
+    block_.slot[DS_GLOBAL_SLOT_LOCAL_NODE] = slot_value(local_node());
     dsr_set_sender(on_relay_send, this);
+    reset();
 }
 
 ds_db_t *Harness::database() const {
     return reinterpret_cast<ds_db_t *>(block_.slot[DS_GLOBAL_SLOT_DB]);
 }
 
+void Harness::set_console(bool is_on) {
+    block_.slot[DS_GLOBAL_SLOT_CONSOLE] = is_on ? slot_value(console_) : 0;
+}
+
 void Harness::reset() {
+    set_console(false);
     release_timer(DS_GLOBAL_SLOT_OWN_RESTART_TIMER);
     release_timer(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER);
     block_.slot[DS_GLOBAL_SLOT_RELAY_CONNECTED] = 0;
@@ -101,13 +102,40 @@ void Harness::reset() {
     while (avl_node_t *node = avl_get_first(&database()->selem_tree))
         ds_db_delete_service_element(reinterpret_cast<ds_service_elem_t *>(node));
     check_structure();
-    told.clear();
-    sent.clear();
+    check_that_pools_are_empty();
+    forget_counts();
+    events.clear();
     last_client_ = 0;
 }
 
+void Harness::check_that_pools_are_empty() const {
+    const ds_db_t *db = database();
+    for (const chunk_pool_t *pool :
+         {db->client_pool, db->client_reg_pool, db->service_pool, db->selem_pool}) {
+        chunk_usage_t usage;
+        chunk_get_usage(pool, &usage);
+        require(usage.records_in_use == 0, "a record outlives the directory's content");
+    }
+}
+
+// As if the process had just begun.
+void Harness::forget_counts() {
+    ds_db_t *db = database();
+    db->client_idx_counter = first_client_index - 1;
+    db->next_service_id = first_service_id;
+    for (std::uint32_t *count :
+         {&db->clients_added, &db->clients_deleted, &db->local_services_added,
+          &db->remote_services_added, &db->local_services_deleted, &db->remote_services_deleted,
+          &db->local_services_updated, &db->remote_services_updated, &db->registrations_added,
+          &db->registrations_deleted, &db->nnotifs, &db->relay_updates_sent, &db->relay_adds_sent,
+          &db->relay_deletes_sent, &db->relay_modifies_sent, &db->relay_updates_received})
+        *count = 0;
+    for (ds_node_t *node : nodes_)
+        node->services_added = node->services_deleted = node->services_updated = node->down_count =
+            0;
+}
+
 void Harness::check_structure() const {
-    require(!deletion_is_pending_, "a deletion was announced and never sent");
     fuzz::check_structure(database());
 }
 
@@ -116,49 +144,42 @@ ds_client_t *Harness::add_client() {
     require(ds_db_init_client(&client) == 0, "no client record");
     client->client_hdl = ++last_client_;
     require(ds_db_add_client(client) == 0, "a client was refused");
-    require(client->client_idx > last_index_, "a client index came again");
-    last_index_ = client->client_idx;
+    require(ds_db_add_client(client) == -1, "a client was listed twice");
     return client;
 }
 
 void Harness::delete_client(ds_client_t *client) {
     const std::uint64_t handle = client->client_hdl;
+    const std::uint32_t index = client->client_idx;
     require(ds_db_delete_client(client) == 0, "a client could not be deleted");
-    require(ds_db_find_client_by_client_hdl(handle) == nullptr, "a deleted client is found");
-    std::erase_if(told, [&](const auto &pair) { return pair.first.first == handle; });
+    require(ds_db_find_client_by_client_hdl(handle) == nullptr &&
+                ds_db_find_client_by_client_idx(index) == nullptr,
+            "a deleted client is found");
 }
 
 // ---- callbacks ----
 
 int Harness::on_hook(ds_service_elem_t *selem, ds_service_publish_info *info) {
     require(std::strcmp(selem->name, info->service_name) == 0, "the hook's info has another name");
+    Event event;
+    event.name = info->service_name;
+    event.endpoints = read_endpoints(*info);
+    instance().events.push_back(std::move(event));
     return 0;
 }
 
 int Harness::on_send(std::uint64_t client, ds_notif_msg *message) {
-    Harness &self = instance();
-    const ds_service_publish_info &info = message->publish_info;
-    Told told;
-    told.name = info.service_name;
-    told.cookie = message->reg_cookie;
-    for (std::uint32_t i = 0; i < info.entries_count; i++)
-        told.entries.push_back(entry_text(info.entries[i]));
-    require(told.entries.empty() == self.deletion_is_pending_,
-            "an empty message without an announced deletion, or the other way round");
-    self.deletion_is_pending_ = false;
-    self.told[{client, message->reg_handle}] = std::move(told);
+    instance().events.push_back(read_message(Event::message, client, *message));
     return 0;
 }
 
-int Harness::on_delete(std::uint64_t, ds_notif_msg *) {
-    require(!instance().deletion_is_pending_, "two deletions without a message");
-    instance().deletion_is_pending_ = true;
+int Harness::on_delete(std::uint64_t client, ds_notif_msg *message) {
+    instance().events.push_back(read_message(Event::deletion, client, *message));
     return 0;
 }
 
 int Harness::on_relay_send(void *context, const dsr_update_t *update) {
-    auto *self = static_cast<Harness *>(context);
-    self->sent.push_back({update->operation, update->service_name, update->version});
+    static_cast<Harness *>(context)->events.push_back(read_update(*update));
     return 0;
 }
 
@@ -185,11 +206,8 @@ void Harness::expire_relay_period() {
     expire(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER);
 }
 
-bool Harness::is_period_open() const {
-    for (const auto slot : {DS_GLOBAL_SLOT_OWN_RESTART_TIMER, DS_GLOBAL_SLOT_RELAY_RESTART_TIMER})
-        if (block_.slot[slot] != 0 && mgd_timer_leaf_running(timer_in(block_.slot[slot])) != 0)
-            return true;
-    return false;
+bool Harness::is_own_period_open() const {
+    return mgd_timer_leaf_running(timer_in(block_.slot[DS_GLOBAL_SLOT_OWN_RESTART_TIMER])) != 0;
 }
 
 void Harness::expire(std::uint32_t slot) {
@@ -205,23 +223,65 @@ void Harness::release_timer(std::uint32_t slot) {
 
 // ---- publish infos ----
 
-void fill_info(ds_service_publish_info &info, const char *name, const char *instance,
-               std::uint32_t scope, std::uint32_t port) {
-    std::array<std::uint8_t, DS_ENDPOINT_IP_BYTES> bytes;
-    ds_encode_endpoint(0x0a000001, port, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
-    auto *entry = static_cast<ds_service_info_t *>(std::calloc(1, sizeof(ds_service_info_t)));
-    auto *copy = static_cast<std::uint8_t *>(memdup(bytes.data(), bytes.size()));
-    VIDL_SET(entry, ep_type, DS_SINFO_BIT_EP_TYPE, DS_EP_TYPE_IP);
-    VIDL_SET_BYTES(entry, ep_addr, DS_SINFO_BIT_EP_ADDR, copy, bytes.size());
-    VIDL_SET(entry, scope, DS_SINFO_BIT_SCOPE, scope);
-    if (instance != nullptr) VIDL_SET(entry, instance, DS_SINFO_BIT_INSTANCE, text_copy(instance));
-    VIDL_CLEAR(&info);
-    VIDL_SET(&info, service_name, DS_PINFO_BIT_NAME, text_copy(name));
-    VIDL_SET_ARRAY(&info, entries, DS_PINFO_BIT_ENTRIES, entry, 1);
+namespace {
+
+void fill_entry(ds_service_info_t &entry, const Endpoint &endpoint) {
+    VIDL_SET(&entry, ep_type, DS_SINFO_BIT_EP_TYPE, endpoint.type);
+    VIDL_SET(&entry, scope, DS_SINFO_BIT_SCOPE, endpoint.scope);
+    auto *address = static_cast<std::uint8_t *>(
+        endpoint.address.empty() ? nullptr
+                                 : memdup(endpoint.address.data(), endpoint.address.size()));
+    VIDL_SET_BYTES(&entry, ep_addr, DS_SINFO_BIT_EP_ADDR, address, endpoint.address.size());
+    if (endpoint.instance)
+        VIDL_SET(&entry, instance, DS_SINFO_BIT_INSTANCE, text_copy(endpoint.instance->c_str()));
+    const std::size_t count = endpoint.attributes.size();
+    if (count == 0) return;
+    auto *attributes = static_cast<ds_service_attr_t *>(std::calloc(count, sizeof *entry.attrs));
+    for (std::size_t i = 0; i < count; i++) {
+        VIDL_SET(&attributes[i], type, DS_ATTR_BIT_TYPE, endpoint.attributes[i].type);
+        VIDL_SET(&attributes[i], value, DS_ATTR_BIT_VALUE, endpoint.attributes[i].value);
+    }
+    VIDL_SET_ARRAY(&entry, attrs, DS_SINFO_BIT_ATTRS, attributes,
+                   static_cast<std::uint32_t>(count));
 }
 
-void discard_info(ds_service_publish_info &info) {
-    vidl_ds_service_publish_info_free_ext(&info, std::free, 0);
+} // namespace
+
+PublishInfo::PublishInfo(const std::string &name, const Endpoints &endpoints, bool is_borrowed)
+    : is_borrowed_(is_borrowed) {
+    info_ =
+        is_borrowed ? &own_ : static_cast<ds_service_publish_info *>(std::calloc(1, sizeof *info_));
+    VIDL_SET(info_, service_name, DS_PINFO_BIT_NAME, text_copy(name.c_str()));
+    info_->borrowed = is_borrowed ? 1 : 0;
+    if (endpoints.empty()) return;
+    auto *entries =
+        static_cast<ds_service_info_t *>(std::calloc(endpoints.size(), sizeof *info_->entries));
+    for (std::size_t i = 0; i < endpoints.size(); i++)
+        fill_entry(entries[i], endpoints[i]);
+    VIDL_SET_ARRAY(info_, entries, DS_PINFO_BIT_ENTRIES, entries,
+                   static_cast<std::uint32_t>(endpoints.size()));
+}
+
+PublishInfo::~PublishInfo() {
+    if (is_taken_) return;
+    vidl_ds_service_publish_info_free_ext(info_, std::free, 0);
+    if (!is_borrowed_) std::free(info_);
+}
+
+bool PublishInfo::settle() {
+    is_taken_ = info_->held != 0;
+    return is_taken_;
+}
+
+Endpoint ip_endpoint(std::uint32_t port, std::uint32_t scope,
+                     const std::optional<std::string> &instance) {
+    std::array<char, DS_ENDPOINT_IP_BYTES> bytes;
+    ds_encode_endpoint(0x0a000001, port, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
+    Endpoint endpoint;
+    endpoint.address.assign(bytes.data(), bytes.size());
+    endpoint.scope = scope;
+    endpoint.instance = instance;
+    return endpoint;
 }
 
 } // namespace ds::fuzz

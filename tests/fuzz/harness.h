@@ -1,40 +1,22 @@
 // The library on the default platform, without a daemon around it: a block, clients, timers that
-// expire on demand, and a record of what registrations and the relay were told.
+// expire on demand, and a record of what the host and the relay were told.
 //
-// The directory lives as long as the process; reset() empties it between two inputs.
+// The directory lives as long as the process; reset() empties it between two inputs, counters and
+// serials too, so that an input does the same whatever ran before it.
 #pragma once
 #include <array>
 #include <cstdint>
-#include <map>
-#include <string>
-#include <utility>
+#include <cstdio>
 #include <vector>
 
-#include "ds_server_lib.h"
-#include "platform_default/platform_default.h"
+#include "event.h"
 
 namespace ds::fuzz {
 
 using Address = std::array<std::uint8_t, 6>;
-inline constexpr Address local_address = {2, 0, 0, 0, 0, 0};
+inline constexpr std::size_t node_count = 4; // this node is the first
 
-// A registration: the handle of its client in callbacks, and its own.
-using RegistrationKey = std::pair<std::uint64_t, std::uint32_t>;
-
-struct Told {
-    std::string name;
-    std::uint64_t cookie = 0;
-    std::vector<std::string> entries; // as text, see entry_text
-    bool operator==(const Told &) const = default;
-};
-
-struct Sent {
-    std::uint32_t operation;
-    std::string name;
-    std::uint32_t version;
-};
-
-std::string entry_text(const ds_service_info_t &entry);
+Address address_of(std::size_t node);
 
 class Harness {
   public:
@@ -44,7 +26,10 @@ class Harness {
     void check_structure() const; // ends the run when an invariant of the database is broken
 
     ds_db_t *database() const;
-    ds_node_t *local_node() const { return local_node_; }
+    ds_node_t *local_node() const { return nodes_.front(); }
+    const std::vector<ds_node_t *> &nodes() const { return nodes_; }
+    // The console prints every line anew, so most histories are run without it.
+    void set_console(bool is_on);
 
     ds_client_t *add_client();
     void delete_client(ds_client_t *client);
@@ -53,10 +38,9 @@ class Harness {
     void expire_own_period(); // settles it; without effect when it is not open
     void disconnect_relay();
     void expire_relay_period();
-    bool is_period_open() const;
+    bool is_own_period_open() const;
 
-    std::map<RegistrationKey, Told> told; // the newest message of each registration
-    std::vector<Sent> sent;               // to the relay
+    std::vector<Event> events; // whoever compares them removes them
 
   private:
     Harness();
@@ -65,21 +49,38 @@ class Harness {
     static int on_send(std::uint64_t client, ds_notif_msg *message);
     static int on_delete(std::uint64_t client, ds_notif_msg *message);
     static int on_relay_send(void *context, const dsr_update_t *update);
+    void check_that_pools_are_empty() const;
+    void forget_counts();
     void expire(std::uint32_t slot);
     void release_timer(std::uint32_t slot);
 
     ds_globals_t block_ = {};
-    ds_node_t *local_node_ = nullptr;
+    std::FILE *console_ = nullptr;
+    std::vector<ds_node_t *> nodes_;
     std::uint64_t last_client_ = 0;
-    std::uint32_t last_index_ = 0;
-    bool deletion_is_pending_ = false; // slot 45 was called, 44 has to follow
 };
 
-// A publish info with one endpoint that owns all it has, as the library wants it. `borrowed` ones
-// keep their top-level structure; destroy with discard_info after the call.
-void fill_info(ds_service_publish_info &info, const char *name, const char *instance,
-               std::uint32_t scope, std::uint32_t port);
-// Frees what a failed call left.
-void discard_info(ds_service_publish_info &info);
+// A publish info that owns all it has, as the library wants it. A borrowed one keeps its top-level
+// structure.
+class PublishInfo {
+  public:
+    PublishInfo(const std::string &name, const Endpoints &endpoints, bool is_borrowed);
+    ~PublishInfo(); // frees what nobody took
+    PublishInfo(const PublishInfo &) = delete;
+    PublishInfo &operator=(const PublishInfo &) = delete;
+
+    ds_service_publish_info *get() { return info_; }
+    bool settle(); // right after the call that was given the info; true: a record took it
+
+  private:
+    bool is_borrowed_;
+    bool is_taken_ = false;
+    ds_service_publish_info own_ = {};
+    ds_service_publish_info *info_;
+};
+
+// An endpoint of an address that depends on the port only.
+Endpoint ip_endpoint(std::uint32_t port, std::uint32_t scope,
+                     const std::optional<std::string> &instance);
 
 } // namespace ds::fuzz
