@@ -7,7 +7,8 @@
 namespace ds::fuzz {
 namespace {
 
-constexpr std::size_t steps_max = 200;
+constexpr std::size_t steps_max = 100;
+constexpr std::size_t logged_steps_max = 25; // they cost much more
 
 struct Operation {
     std::uint32_t share; // of the steps
@@ -72,7 +73,10 @@ const Operation &operation_at(std::size_t share) {
 } // namespace
 
 void History::run() {
-    for (std::size_t i = 0; i < steps_max && !in_.is_at_end(); i++) {
+    const bool is_logged = in_.below(32) == 31;
+    harness_.set_logging(is_logged);
+    const std::size_t most = is_logged ? logged_steps_max : steps_max;
+    for (std::size_t i = 0; i < most && !in_.is_at_end(); i++) {
         (this->*operation_at(in_.below(shares())).run)();
         compare_events();
     }

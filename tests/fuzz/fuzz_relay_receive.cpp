@@ -105,7 +105,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     using namespace ds::fuzz;
     Input input(data, size);
     Harness &harness = Harness::instance();
-    harness.set_console(input.below(32) == 0);
+    harness.set_logging(input.below(32) == 0);
     ds_client_t *client = harness.add_client();
     for (std::size_t i = 0; i < updates_max && !input.is_at_end(); i++)
         step(input, client);

@@ -1,5 +1,6 @@
 #include "harness.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -61,6 +62,7 @@ Harness &Harness::instance() {
 
 Harness::Harness() {
     require(ds_server_lib_init(nullptr) == 0, "the trace channels cannot be opened");
+    std::copy(std::begin(ds_lib_rtrace), std::end(ds_lib_rtrace), channels_.begin());
     const mgd_timer_loop_t loop = {nullptr, now_ns, ignore_arm, ignore_disarm, settle};
     block_.slot[DS_GLOBAL_SLOT_TIMER_PARENT] = slot_value(mgd_timer_parent_new(&loop));
     console_ = std::fopen("/dev/null", "we");
@@ -83,12 +85,14 @@ ds_db_t *Harness::database() const {
     return reinterpret_cast<ds_db_t *>(block_.slot[DS_GLOBAL_SLOT_DB]);
 }
 
-void Harness::set_console(bool is_on) {
+void Harness::set_logging(bool is_on) {
     block_.slot[DS_GLOBAL_SLOT_CONSOLE] = is_on ? slot_value(console_) : 0;
+    for (std::size_t i = 0; i < channels_.size(); i++)
+        ds_lib_rtrace[i] = is_on ? channels_[i] : nullptr;
 }
 
 void Harness::reset() {
-    set_console(false);
+    set_logging(false);
     release_timer(DS_GLOBAL_SLOT_OWN_RESTART_TIMER);
     release_timer(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER);
     block_.slot[DS_GLOBAL_SLOT_RELAY_CONNECTED] = 0;

@@ -28,8 +28,9 @@ class Harness {
     ds_db_t *database() const;
     ds_node_t *local_node() const { return nodes_.front(); }
     const std::vector<ds_node_t *> &nodes() const { return nodes_; }
-    // The console prints every line anew, so most histories are run without it.
-    void set_console(bool is_on);
+    // Log lines, on the console and in the rings, cost more than what they are about. Most
+    // histories are run without them.
+    void set_logging(bool is_on);
 
     ds_client_t *add_client();
     void delete_client(ds_client_t *client);
@@ -56,6 +57,7 @@ class Harness {
 
     ds_globals_t block_ = {};
     std::FILE *console_ = nullptr;
+    std::array<rtrace_handle_t, DS_CHANNEL_COUNT> channels_ = {};
     std::vector<ds_node_t *> nodes_;
     std::uint64_t last_client_ = 0;
 };

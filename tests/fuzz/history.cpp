@@ -15,7 +15,6 @@ constexpr std::size_t services_max = 32;
 History::History(Input &input)
     : in_(input), harness_(Harness::instance()),
       model_(read_directory(harness_.database(), harness_.nodes()), harness_.local_node()) {
-    harness_.set_console(in_.below(32) == 31);
     add_client();
 }
 

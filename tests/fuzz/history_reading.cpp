@@ -84,7 +84,7 @@ void History::walk() {
 void History::trace() {
     const ChosenService service = some_service();
     const ChosenRegistration registration = some_registration();
-    const rtrace_handle_t channel = in_.below(2) == 0 ? nullptr : ds_lib_rtrace[DS_CHANNEL_MAIN];
+    const rtrace_handle_t channel = ds_lib_rtrace[DS_CHANNEL_MAIN];
     ds_db_dump(0);
     ds_db_reg_dump(0);
     trace_endpoints(service.record, channel);

@@ -135,21 +135,24 @@ void History::step_service() {
     model_.add_service(target.name, std::move(made), client == nullptr ? 0 : client->client_hdl);
 }
 
-// The last step of a take-over is the caller's: a placeholder that a client's list has now is told
-// whose it is.
+// A placeholder may pass through the hands of several clients. The last step of a take-over is the
+// caller's: the record is told whose it is.
 void History::update_service() {
-    ds_client_t *client = in_.below(2) == 0 ? nullptr : some_client();
     const ChosenService chosen = some_service();
     if (chosen.record == nullptr) return;
-    if (chosen.state->node != harness_.local_node()) client = nullptr;
-    const Endpoints endpoints = some_endpoints(some_target());
-    PublishInfo info(chosen.name, endpoints, in_.below(2) == 0);
-    require(ds_db_update_service(chosen.record, info.get(), client) == 0 && info.settle(),
-            "a service cannot be updated");
-    const bool is_takeover = chosen.state->is_placeholder() && client != nullptr;
-    model_.update_service(chosen.name, *chosen.state, endpoints,
-                          client == nullptr ? 0 : client->client_hdl);
-    if (!is_takeover) return;
+    const bool is_local = chosen.state->node == harness_.local_node();
+    const bool is_placeholder = chosen.state->is_placeholder();
+    ds_client_t *client = nullptr;
+    for (std::size_t left = 1 + in_.below(2); left != 0; left--) {
+        client = is_local && in_.below(2) != 0 ? some_client() : client;
+        const Endpoints endpoints = some_endpoints(some_target());
+        PublishInfo info(chosen.name, endpoints, in_.below(2) == 0);
+        require(ds_db_update_service(chosen.record, info.get(), client) == 0 && info.settle(),
+                "a service cannot be updated");
+        model_.update_service(chosen.name, *chosen.state, endpoints,
+                              client == nullptr ? 0 : client->client_hdl);
+    }
+    if (!is_placeholder || client == nullptr) return;
     chosen.record->proc_id = chosen.state->proc_id = client->client_idx;
     chosen.record->pid = chosen.state->pid = static_cast<std::uint32_t>(ds_client_pid(client));
 }
