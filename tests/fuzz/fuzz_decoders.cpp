@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 
@@ -17,6 +18,9 @@ namespace ds::fuzz {
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::size_t ring_head_offset = offsetof(ring::file_header, head);
+constexpr std::size_t changing_words = 4;
 
 template <typename T> std::unique_ptr<T, decltype(&std::free)> owned(T *memory) {
     return {memory, std::free};
@@ -78,29 +82,57 @@ void check_path(const Bytes &bytes) {
     require(encoded == bytes, "a path is encoded otherwise than it came");
 }
 
-void read_ring(const Bytes &file) {
+void read_records(const ring::Reader &reader) {
+    std::uint64_t position = 0;
+    std::uint64_t lost = 0;
+    const std::vector<ring::Record> records = reader.read(position, lost);
+    for (const ring::Record &record : records) {
+        ring::text(record, "%s %d %08x %lu %p %% %u %ld");
+        reader.wall_of(record.stamp_ns);
+    }
+    const std::uint64_t reached = position;
+    require(reader.read(position, lost).empty() && position == reached,
+            "a ring at rest has news at every reading");
+}
+
+// The writer's process writes what it likes while the file is mapped here, and may cut it off.
+void spoil_and_read(int fd, std::size_t file_bytes, const ring::Reader &reader, Input &input) {
+    std::uint64_t position = 0;
+    std::uint64_t lost = 0;
+    while (!input.is_at_end()) {
+        const std::size_t word = input.byte(); // one that the header changes, or of the data
+        const std::size_t offset = word < changing_words
+                                       ? ring_head_offset + word * 8
+                                       : ring::header_page_bytes + (word - changing_words) * 8;
+        const Bytes bytes = input.bytes(8);
+        const auto count = static_cast<ssize_t>(bytes.size());
+        require(pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset)) == count,
+                "no write");
+        require(ftruncate(fd, static_cast<off_t>(file_bytes)) == 0, "no change of the size");
+        const std::uint64_t before = position;
+        reader.read(position, lost);
+        require(position >= before, "a position goes back");
+    }
+    require(ftruncate(fd, 0) == 0, "no change of the size");
+    require(reader.read(position, lost).empty(), "a file without content gives records");
+}
+
+void read_ring(const Bytes &file, Input &input) {
     const int fd = memfd_create("ring", MFD_CLOEXEC);
     require(fd >= 0, "no memory file");
     require(write(fd, file.data(), file.size()) == static_cast<ssize_t>(file.size()), "no write");
     std::string error;
     const auto reader = ring::Reader::open("/proc/self/fd/" + std::to_string(fd), error);
-    close(fd);
     require((reader == nullptr) == !error.empty(), "no ring and no reason, or both");
-    if (reader == nullptr) return;
-    std::uint64_t position = 0;
-    std::uint64_t lost = 0;
-    const std::vector<ring::Record> records = reader->read(position, lost);
-    for (const ring::Record &record : records) {
-        ring::text(record, "%s %d %08x %lu %p %% %u %ld");
-        reader->wall_of(record.stamp_ns);
+    if (reader != nullptr) {
+        read_records(*reader);
+        spoil_and_read(fd, file.size(), *reader, input);
     }
-    const std::uint64_t reached = position;
-    require(reader->read(position, lost).empty() && position == reached,
-            "a ring at rest has news at every reading");
+    close(fd);
 }
 
 // A sound header in front of arbitrary records, else hardly an input would get past the checks.
-void check_ring_data(Input input) {
+void check_ring_data(Input &input) {
     const std::uint64_t data_bytes = (input.byte() + 1) * std::uint64_t{8};
     const std::uint64_t tail = (input.number() % 4096) * std::uint64_t{8};
     const std::uint64_t length = input.below(data_bytes / 8 + 1) * 8;
@@ -116,7 +148,7 @@ void check_ring_data(Input input) {
     std::memcpy(file.data(), &header, sizeof header);
     const Bytes data = input.bytes(data_bytes);
     if (!data.empty()) std::memcpy(file.data() + ring::header_page_bytes, data.data(), data.size());
-    read_ring(file);
+    read_ring(file, input);
 }
 
 } // namespace
@@ -138,9 +170,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     case 3:
         check_ring_data(input);
         break;
-    default:
-        read_ring(input.bytes(size));
+    default: {
+        const Bytes file = input.bytes(size);
+        read_ring(file, input);
         break;
+    }
     }
     return 0;
 }
