@@ -30,9 +30,10 @@ struct Config {
     std::string socket;      // empty: in the runtime directory
     std::string trace_dir;   // empty: in the runtime directory
     std::string node_address;
-    std::string socket_group;         // empty: the daemon's
-    std::uint64_t socket_mode = 0666; // permission bits
-    bool console = false;             // the library's console stream on stderr
+    std::string socket_group;               // empty: the daemon's
+    std::uint64_t socket_mode = 0666;       // permission bits
+    bool console = false;                   // the library's console stream on stderr
+    std::uint64_t restart_window_ms = 5000; // for clients to come back
     Limits limits;
     std::vector<Rule> rules;
 

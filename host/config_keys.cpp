@@ -49,6 +49,10 @@ const Key keys[] = {
     {"daemon", "console", DS_TARGET(console), 0, 0, false,
      "Write every trace point to stderr as well."},
 
+    {"restart", "window_ms", DS_TARGET(restart_window_ms), 0, 300'000, false,
+     "After a restart, how long clients may take to come back before what they published counts "
+     "as gone. 0: they get no time."},
+
     {"limits", "sessions_total", DS_TARGET(limits.sessions_total), 1, sessions_max, true,
      "Sessions of all users together."},
     {"limits", "sessions", DS_LIMIT(sessions), 0, sessions_max, true,

@@ -61,8 +61,8 @@ bool is_same(const ds_service_t *service, const ds_client_t *client, const std::
 // ---- start and callbacks ----
 
 Directory::Directory(Loop &loop, DirectoryClients &clients, relay::Engine &engine,
-                     const NodeAddress &node, std::FILE *console)
-    : clients_(clients), engine_(engine), node_(node), timers_(loop, on_timer) {
+                     PublicationSum &sum, const NodeAddress &node, std::FILE *console)
+    : clients_(clients), engine_(engine), sum_(sum), node_(node), timers_(loop, on_expired) {
     directory = this;
     if (ds_server_lib_init(nullptr) != 0) throw StartError("the trace channels cannot be opened");
     fill_block(console);
@@ -121,17 +121,9 @@ int Directory::on_relay_send(void *engine, const dsr_update_t *update) {
     return static_cast<relay::Engine *>(engine)->send(*update);
 }
 
-// Only the timers of the block end a restart period. One that a later disconnect has replaced is
-// let go.
-void Directory::on_timer(mgd_timer_t *timer) {
-    const auto value = reinterpret_cast<std::uint64_t>(timer);
-    const bool is_current = value == block.slot[DS_GLOBAL_SLOT_OWN_RESTART_TIMER] ||
-                            value == block.slot[DS_GLOBAL_SLOT_RELAY_RESTART_TIMER];
+void Directory::on_expired(mgd_timer_t *timer) {
     directory->changes_++;
-    if (is_current)
-        ds_db_finalize_restart();
-    else
-        mgd_timer_release(timer);
+    if (directory->timer_handler_) directory->timer_handler_(timer);
 }
 
 // ---- clients ----
@@ -153,6 +145,9 @@ void Directory::remove_client(ds_client_t *client) {
          registration != nullptr;
          registration = ds_client_get_next_in_client_reg_list(registration))
         names.emplace_back(registration->selem->name);
+    for (ds_service_t *service = ds_client_get_service_list_head(client); service != nullptr;
+         service = ds_client_get_next_in_service_list(service))
+        sum_.remove(service->selem->name, service->instance, service->scope);
     ds_db_delete_client(client);
     for (const std::string &name : names)
         drop_if_unused(name);
@@ -162,6 +157,7 @@ bool Directory::take_down_one(ds_client_t *client) {
     ds_service_t *service = ds_client_get_service_list_head(client);
     if (service == nullptr) return false;
     changes_++;
+    sum_.remove(service->selem->name, service->instance, service->scope);
     ds_db_handle_service_down(service, client);
     return true;
 }
@@ -180,6 +176,7 @@ void Directory::drop_if_unused(const std::string &name) {
 
 const ds_service_t *Directory::publish(ds_client_t *client, PublishInfo info) {
     ds_service_publish_info *published = info.release();
+    const ds_service_t *newest = ds_client_get_service_list_head(client);
     notified_ = nullptr;
     changes_++;
     ds_db_publish_service(client->client_idx, local_node_, published, nullptr);
@@ -188,6 +185,10 @@ const ds_service_t *Directory::publish(ds_client_t *client, PublishInfo info) {
         drop_if_unused(published->service_name);
         return nullptr;
     }
+    // What the client did not have before is the first in its list now.
+    if (ds_client_get_service_list_head(client) != newest)
+        sum_.add(published->service_name, published->entries[0].instance,
+                 published->entries[0].scope);
     // Whatever was published was announced, newest record first.
     ds_service_t *service =
         notified_ != nullptr ? ds_service_get_service_list_head(notified_) : nullptr;
@@ -205,11 +206,14 @@ bool Directory::withdraw(ds_client_t *client, std::string_view name, std::string
     VIDL_SET(&key, scope, DS_KEY_BIT_SCOPE, scope);
     VIDL_SET(&key, instance, DS_KEY_BIT_INSTANCE, directory_instance.data());
     changes_++;
-    return ds_db_unpublish_service(client->client_idx, local_node_, &key, nullptr) == 0;
+    if (ds_db_unpublish_service(client->client_idx, local_node_, &key, nullptr) != 0) return false;
+    sum_.remove(name, directory_instance, scope);
+    return true;
 }
 
 void Directory::take_down(ds_service_t *service) {
     changes_++;
+    sum_.remove(service->selem->name, service->instance, service->scope);
     ds_db_handle_service_down(service, publisher_of(service));
 }
 
@@ -295,6 +299,17 @@ ds_service_elem_t *Directory::first() const {
 
 ds_service_elem_t *Directory::next(ds_service_elem_t *element) {
     return element_of(avl_get_next(&element->tree_link));
+}
+
+void Directory::drop_empty_names() {
+    ds_service_elem_t *following = nullptr;
+    for (ds_service_elem_t *element = first(); element != nullptr; element = following) {
+        following = next(element);
+        const bool is_used = ds_service_get_service_list_head(element) != nullptr ||
+                             ds_db_service_element_has_registrations(element) != 0;
+        if (!is_used) ds_db_delete_service_element(element);
+    }
+    changes_++;
 }
 
 Directory::Totals Directory::totals() const {

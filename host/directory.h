@@ -16,6 +16,7 @@
 #include "host/loop.h"
 #include "host/node_address.h"
 #include "host/publication.h"
+#include "host/publication_sum.h"
 #include "host/timers.h"
 #include "relay/engine.h"
 
@@ -45,11 +46,16 @@ class Directory {
     };
 
     // Throws StartError when the library refuses to start. `console` may be null.
-    Directory(Loop &loop, DirectoryClients &clients, relay::Engine &engine, const NodeAddress &node,
-              std::FILE *console);
+    Directory(Loop &loop, DirectoryClients &clients, relay::Engine &engine, PublicationSum &sum,
+              const NodeAddress &node, std::FILE *console);
     ~Directory();
     Directory(const Directory &) = delete;
     Directory &operator=(const Directory &) = delete;
+
+    // Who is told that a timer of the library expired; the timer counts as running meanwhile.
+    void on_timer(std::function<void(mgd_timer_t *)> handler) {
+        timer_handler_ = std::move(handler);
+    }
 
     // ---- clients ----
 
@@ -93,10 +99,13 @@ class Directory {
     ds_service_elem_t *first_behind(std::string_view name) const;
     ds_service_elem_t *first() const;
     static ds_service_elem_t *next(ds_service_elem_t *element);
+    // After a restart period or the end of a node: names that nobody publishes or watches.
+    void drop_empty_names();
     Totals totals() const;
     // Rises whenever an element may have changed or gone, so that what was encoded before is of the
     // past.
     std::uint64_t changes() const { return changes_; }
+    void changed() { changes_++; } // by a call of the library that was not made here
     const NodeAddress &node() const { return node_; }
     std::string_view node_bytes() const {
         return {reinterpret_cast<const char *>(node_.data()), node_.size()};
@@ -112,14 +121,16 @@ class Directory {
     static long on_process_id(std::uint64_t client);
     static const char *on_process_name(std::uint64_t client);
     static int on_relay_send(void *engine, const dsr_update_t *update);
-    static void on_timer(mgd_timer_t *timer);
+    static void on_expired(mgd_timer_t *timer);
 
     void fill_block(std::FILE *console);
     void drop_if_unused(const std::string &name);
 
     DirectoryClients &clients_;
     relay::Engine &engine_;
+    PublicationSum &sum_;
     NodeAddress node_;
+    std::function<void(mgd_timer_t *)> timer_handler_;
     ds_node_t *local_node_ = nullptr;
     Timers timers_;
     std::uint64_t changes_ = 0;

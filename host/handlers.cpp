@@ -129,6 +129,7 @@ void handle_publish(Call &call) {
     const ds_service_t *service =
         directory.publish(call.session.client(), make_publish_info(publish));
     if (service == nullptr) return refuse(call.reply, v1::STATUS_INTERNAL, out_of_memory);
+    call.server.restart().published(*service);
     call.reply.set_service_id(service->service_id);
     call.reply.set_generation(service->gen);
     // What the session did not have before is the first in its list now.

@@ -56,7 +56,8 @@ void run(host::Config config) {
     host::Loop loop;
     relay::NoEngine engine;
     host::UniqueFd socket = host::listen_at(config.socket, access_of(config));
-    host::Server server(loop, config, engine, std::move(socket));
+    host::PublicationSum sum(config.runtime_dir + "/published");
+    host::Server server(loop, config, engine, sum, std::move(socket));
     loop.watch_signals({SIGTERM, SIGINT, SIGHUP}, [&](int signal) {
         if (signal == SIGHUP) {
             tell_manager_of_reload(loop);

@@ -139,11 +139,14 @@ void Outbound::collect(Output &output) {
     Gather &gather = output.gather;
     gather.start(std::string_view(replies_).substr(replies_sent_));
     for (Registration *registration = pending_.front(); registration != nullptr;
-         registration = registration->next)
-        if (!gather.add(*registration, output.snapshots.of(registration->record->selem))) break;
+         registration = registration->next) {
+        SnapshotCache &cache = registration->was_reconciling ? output.resynced : output.snapshots;
+        if (!gather.add(*registration, cache.of(registration->record->selem))) break;
+    }
 }
 
 void Outbound::settle(std::size_t sent, Output &output) {
+    const bool is_reconciling = is_restart_period_open();
     const std::size_t reply_bytes = unsent_bytes();
     drop_sent_replies(std::min(sent, reply_bytes));
     for (const Gather::Item &item : output.gather.items()) {
@@ -152,6 +155,7 @@ void Outbound::settle(std::size_t sent, Output &output) {
         // again.
         if (item.end > sent) output.gather.copy(sent, item.end, replies_);
         unmark(*item.registration);
+        item.registration->was_reconciling = is_reconciling;
         output.counters.notifications++;
     }
 }

@@ -30,6 +30,7 @@ struct Registration {
     ds_client_reg_t *record = nullptr;
     std::uint64_t cookie = 0;
     bool is_pending = false;
+    bool was_reconciling = false; // so the last snapshot said; the end of the period is to be told
     Registration *previous = nullptr; // neighbours among the pending ones
     Registration *next = nullptr;
 };
@@ -79,6 +80,7 @@ class Gather {
 // What all connections share while a turn's output is sent.
 struct Output {
     SnapshotCache snapshots;
+    SnapshotCache resynced{true};
     Gather gather;
     Counters counters;
 };

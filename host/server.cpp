@@ -19,9 +19,12 @@ constexpr std::uint64_t ns_per_ms = 1'000'000;
 
 } // namespace
 
-Server::Server(Loop &loop, const Config &config, relay::Engine &engine, UniqueFd listening_socket)
+Server::Server(Loop &loop, const Config &config, relay::Engine &engine, PublicationSum &sum,
+               UniqueFd listening_socket)
     : loop_(loop), config_(config), engine_(engine),
-      directory_(loop, *this, engine, config.node, config.console ? stderr : nullptr),
+      directory_(loop, *this, engine, sum, config.node, config.console ? stderr : nullptr),
+      restart_(loop, directory_, engine, sum, std::chrono::milliseconds(config.restart_window_ms),
+               [this] { tell_end_of_restart(); }),
       requests_(*this), rules_(config.rules), accounts_(config.limits),
       drain_alarm_([this] { end_overdue_drains(); }), stop_alarm_([this] { loop_.stop(); }),
       started_ns_(loop.now_ns()) {
@@ -29,6 +32,7 @@ Server::Server(Loop &loop, const Config &config, relay::Engine &engine, UniqueFd
         listener_.emplace(loop_, std::move(listening_socket),
                           [this](UniqueFd connection) { accept(std::move(connection)); });
     loop_.at_end_of_turn([this] { end_turn(); });
+    restart_.start();
 }
 
 Server::~Server() {
@@ -119,7 +123,10 @@ void Server::resume_paused(Account &account) {
 }
 
 Output &Server::fresh_output() {
-    if (changes_encoded_ != directory_.changes()) output_.snapshots.clear();
+    if (changes_encoded_ != directory_.changes()) {
+        output_.snapshots.clear();
+        output_.resynced.clear();
+    }
     changes_encoded_ = directory_.changes();
     return output_;
 }
@@ -152,7 +159,12 @@ void Server::end_overdue_drains() {
     if (!drains_.empty()) loop_.arm(drain_alarm_, drains_.front().deadline_ns);
 }
 
+void Server::tell_end_of_restart() {
+    sessions_.for_each([](Session &session) { session.mark_reconciled(); });
+}
+
 void Server::end_turn() {
+    restart_.end_if_complete();
     shares_.run([this](Account &account) { serve(account); });
     remove_gone();
     if (shares_.has_work()) loop_.turn_again();

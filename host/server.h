@@ -19,6 +19,7 @@
 #include "host/loop.h"
 #include "host/outbound.h"
 #include "host/requests.h"
+#include "host/restart.h"
 #include "host/session_table.h"
 #include "host/unique_fd.h"
 #include "relay/engine.h"
@@ -27,7 +28,9 @@ namespace ds::host {
 
 class Server final : private DirectoryClients {
   public:
-    Server(Loop &loop, const Config &config, relay::Engine &engine, UniqueFd listening_socket);
+    // `sum` holds what the daemon before this one published, and what this one does.
+    Server(Loop &loop, const Config &config, relay::Engine &engine, PublicationSum &sum,
+           UniqueFd listening_socket);
     ~Server();
     Server(const Server &) = delete;
     Server &operator=(const Server &) = delete;
@@ -47,6 +50,7 @@ class Server final : private DirectoryClients {
 
     Loop &loop() { return loop_; }
     Directory &directory() { return directory_; }
+    Restart &restart() { return restart_; }
     Requests &requests() { return requests_; }
     Shares &shares() { return shares_; }
     const Accounts &accounts() const { return accounts_; }
@@ -75,6 +79,7 @@ class Server final : private DirectoryClients {
     void serve(Account &account);
     void flush_some(Account &account);
     void end_overdue_drains();
+    void tell_end_of_restart();
     void end_turn();
     void remove_gone();
 
@@ -82,6 +87,7 @@ class Server final : private DirectoryClients {
     const Config &config_;
     relay::Engine &engine_;
     Directory directory_;
+    Restart restart_;
     Requests requests_;
     Output output_;
     std::uint64_t changes_encoded_ = 0; // of the directory, when the snapshots were encoded

@@ -146,6 +146,11 @@ void Session::mark(Registration &registration) {
     schedule();
 }
 
+void Session::mark_reconciled() {
+    for (auto &[handle, registration] : registrations_)
+        if (registration->was_reconciling) mark(*registration);
+}
+
 void Session::schedule() {
     if (to_flush_.is_linked() || is_blocked_ || state_ == State::gone) return;
     account_.to_flush.push_back(to_flush_);

@@ -78,6 +78,7 @@ class Session final : public Handler {
     // Where whole frames are appended.
     std::string &replies();
     void mark(Registration &registration); // to be told the latest state
+    void mark_reconciled();                // what was told while a restart period was open
     void flush();                          // what goes into one write
     std::size_t unsent_bytes() const { return outbound_.unsent_bytes(); }
 

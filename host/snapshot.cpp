@@ -24,15 +24,15 @@ void *path_memory(std::size_t size) {
     return size <= sizeof path_buffer ? path_buffer : nullptr;
 }
 
-bool a_restart_period_is_open() {
+} // namespace
+
+bool is_restart_period_open() {
     for (const int slot : {DS_GLOBAL_SLOT_OWN_RESTART_TIMER, DS_GLOBAL_SLOT_RELAY_RESTART_TIMER}) {
         auto *timer = reinterpret_cast<mgd_timer_t *>(ds_globals_get()->slot[slot]);
         if (timer != nullptr && mgd_timer_leaf_running(timer) != 0) return true;
     }
     return false;
 }
-
-} // namespace
 
 bool is_live(const ds_service_t *service) {
     return service->proc_id != DS_PROC_ID_FROM_DSR;
@@ -90,7 +90,7 @@ void encode_instance(const ds_service_t *service, std::string &out) {
     fields.number(Instance::kPidFieldNumber, service->pid);
 }
 
-void encode_snapshot(ds_service_elem_t *element, std::string &out) {
+void encode_snapshot(ds_service_elem_t *element, std::string &out, bool resynced) {
     static std::string instance;
     Fields fields(out);
     const std::size_t end_max = out.size() + snapshot_bytes_max;
@@ -104,7 +104,9 @@ void encode_snapshot(ds_service_elem_t *element, std::string &out) {
         if (out.size() + Fields::message_bytes(instance.size()) > end_max) break;
         fields.message(Snapshot::kInstancesFieldNumber, instance);
     }
-    fields.number(Snapshot::kReconcilingFieldNumber, a_restart_period_is_open() ? 1 : 0);
+    const bool is_reconciling = is_restart_period_open();
+    fields.number(Snapshot::kReconcilingFieldNumber, is_reconciling ? 1 : 0);
+    fields.number(Snapshot::kResyncedFieldNumber, resynced && !is_reconciling ? 1 : 0);
 }
 
 const std::string &SnapshotCache::of(ds_service_elem_t *element) {
@@ -118,7 +120,7 @@ const std::string &SnapshotCache::of(ds_service_elem_t *element) {
             found = snapshots_.insert(std::move(spare_.back())).position;
             spare_.pop_back();
         }
-        encode_snapshot(element, found->second);
+        encode_snapshot(element, found->second, resynced_);
     }
     last_element_ = element;
     last_snapshot_ = &found->second;

@@ -21,7 +21,11 @@ inline constexpr std::size_t instances_always_fit = 200;
 // wait for their publisher (proc_id 1) are not live. A name that other nodes made larger than
 // snapshot_bytes_max is told with as many instances as fit, newest first, for a frame is never
 // longer than promised.
-void encode_snapshot(ds_service_elem_t *element, std::string &out);
+// `resynced` says that a restart period has ended since the reader was told of the name.
+void encode_snapshot(ds_service_elem_t *element, std::string &out, bool resynced = false);
+
+// While it is, snapshots say that they are reconciling.
+bool is_restart_period_open();
 
 // Appends the encoded Instance of one live service.
 void encode_instance(const ds_service_t *service, std::string &out);
@@ -36,6 +40,9 @@ bool has_live_services(ds_service_elem_t *element);
 // The snapshots encoded in this turn. All who are told of an element share its bytes.
 class SnapshotCache {
   public:
+    // For readers that are told of the end of a restart period, or for all others.
+    explicit SnapshotCache(bool resynced = false) : resynced_(resynced) {}
+
     // The element's state at the first call since clear(); good until clear().
     const std::string &of(ds_service_elem_t *element);
 
@@ -44,6 +51,7 @@ class SnapshotCache {
 
   private:
     using Snapshots = std::unordered_map<const ds_service_elem_t *, std::string>;
+    bool resynced_;
     Snapshots snapshots_;
     std::vector<Snapshots::node_type>
         spare_; // emptied nodes, kept so that a turn allocates nothing

@@ -17,22 +17,34 @@ constexpr int turns_max = 10'000; // a test that waits for longer waits in vain
 
 std::uint64_t skipped_ns = 0;
 
+struct Replacement {
+    Loop *loop = nullptr;
+    Server *server = nullptr;
+};
+Replacement replacement;
+
+} // namespace
+
 std::uint64_t shared_time_ns() {
     return Loop::monotonic_ns() + skipped_ns;
 }
 
-} // namespace
+void replace_shared_server(Loop *loop, Server *server) {
+    replacement = {loop, server};
+}
 
 void advance_time(std::uint64_t ns) {
     skipped_ns += ns;
 }
 
 Loop &shared_loop() {
+    if (replacement.loop != nullptr) return *replacement.loop;
     static Loop loop(shared_time_ns);
     return loop;
 }
 
 Server &shared_server() {
+    if (replacement.server != nullptr) return *replacement.server;
     static Config config = [] {
         Config made;
         made.socket = "/none/ds.sock";
@@ -41,7 +53,8 @@ Server &shared_server() {
         return made;
     }();
     static relay::NoEngine engine;
-    static Server server(shared_loop(), config, engine, UniqueFd());
+    static PublicationSum sum;
+    static Server server(shared_loop(), config, engine, sum, UniqueFd());
     return server;
 }
 

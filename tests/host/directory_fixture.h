@@ -15,6 +15,9 @@
 namespace ds::host {
 
 Server &shared_server();
+// For tests with a server of their own, while it lives; null: the shared one again.
+void replace_shared_server(Loop *loop, Server *server);
+std::uint64_t shared_time_ns(); // of shared loops
 Loop &shared_loop();
 void advance_time(std::uint64_t ns); // of the shared loop
 

@@ -1,0 +1,49 @@
+// What was published on this node, as one number that outlives the daemon.
+//
+// Each publication adds a hash of its name, instance and scope, each withdrawal takes it away. The
+// number lies in a mapped file of the runtime directory, so it is there however the daemon ended.
+// The next daemon knows from it whether anything was published, and, once its own number is the
+// same, that all of it is back.
+#pragma once
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "host/unique_fd.h"
+
+namespace ds::host {
+
+class PublicationSum {
+  public:
+    // Without a file: nothing was published before, and nothing outlives the process.
+    PublicationSum() = default;
+    // A missing or foreign file, or one from before the machine's last boot, counts as empty.
+    // Throws StartError when the file cannot be made.
+    explicit PublicationSum(const std::string &path);
+    ~PublicationSum();
+    PublicationSum(const PublicationSum &) = delete;
+    PublicationSum &operator=(const PublicationSum &) = delete;
+
+    void add(std::string_view name, std::string_view instance, std::uint32_t scope);
+    void remove(std::string_view name, std::string_view instance, std::uint32_t scope);
+
+    // Whether the daemon before this one had publications.
+    bool had_publications() const { return expected_ != 0; }
+    // Whether exactly those are published now that were published then.
+    bool is_restored() const { return sum_ == expected_; }
+    // From here on the file follows; until then it keeps the former number, so that a daemon that
+    // dies before everything is back leaves the same expectation to the next.
+    void settle();
+
+  private:
+    struct Record;
+
+    void change(std::uint64_t by);
+
+    std::uint64_t sum_ = 0;
+    std::uint64_t expected_ = 0;
+    Record *record_ = nullptr; // in the mapped file
+    bool is_settled_ = false;
+};
+
+} // namespace ds::host

@@ -1,0 +1,164 @@
+#include "host/restart.h"
+
+namespace ds::host {
+
+namespace {
+
+constexpr mgd_timer_duration_t own_period_with_relay = {30, 0};
+constexpr mgd_timer_duration_t longer_for_the_relay = {5, 0};
+constexpr std::int64_t ms_per_s = 1000;
+
+mgd_timer_t *timer_of(int slot) {
+    return reinterpret_cast<mgd_timer_t *>(ds_globals_get()->slot[slot]);
+}
+
+bool is_running(int slot) {
+    mgd_timer_t *timer = timer_of(slot);
+    return timer != nullptr && mgd_timer_leaf_running(timer) != 0;
+}
+
+mgd_timer_duration_t duration_of(std::chrono::milliseconds wait) {
+    const auto fraction_ms = static_cast<std::uint64_t>(wait.count() % ms_per_s);
+    return {static_cast<std::uint32_t>(wait.count() / ms_per_s),
+            static_cast<std::uint32_t>((fraction_ms << 32) / ms_per_s)};
+}
+
+} // namespace
+
+Restart::Restart(Loop &loop, Directory &directory, relay::Engine &engine, PublicationSum &sum,
+                 std::chrono::milliseconds window, std::function<void()> on_end)
+    : loop_(loop), directory_(directory), engine_(engine), sum_(sum), window_(window),
+      on_end_(std::move(on_end)), window_alarm_([this] { is_window_over_ = true; }) {
+    directory_.on_timer([this](mgd_timer_t *timer) { on_timer(timer); });
+}
+
+Restart::~Restart() {
+    directory_.on_timer({});
+    loop_.disarm(window_alarm_);
+    for (const int slot : {DS_GLOBAL_SLOT_OWN_RESTART_TIMER, DS_GLOBAL_SLOT_RELAY_RESTART_TIMER}) {
+        mgd_timer_release(timer_of(slot));
+        ds_globals_get()->slot[slot] = 0;
+    }
+}
+
+void Restart::start() {
+    const bool has_to_wait = engine_.is_replicating() || sum_.had_publications();
+    if (has_to_wait && window_.count() > 0)
+        open_own_period();
+    else
+        sum_.settle();
+    engine_.start(*this);
+}
+
+void Restart::open_own_period() {
+    ds_globals_t *block = ds_globals_get();
+    mgd_timer_t *parent = timer_of(DS_GLOBAL_SLOT_TIMER_PARENT);
+    mgd_timer_t *timer =
+        mgd_timer_leaf_new(parent, block->slot[DS_GLOBAL_SLOT_TIMER_CONTEXT], 0, 0);
+    if (timer == nullptr) return sum_.settle();
+    block->slot[DS_GLOBAL_SLOT_OWN_RESTART_TIMER] = reinterpret_cast<std::uint64_t>(timer);
+    const bool with_relay = engine_.is_replicating();
+    mgd_timer_leaf_start(timer, with_relay ? own_period_with_relay : duration_of(window_));
+    if (!with_relay) return;
+    const auto window_ns = std::chrono::duration_cast<std::chrono::nanoseconds>(window_).count();
+    loop_.arm(window_alarm_, loop_.now_ns() + static_cast<std::uint64_t>(window_ns));
+}
+
+bool Restart::is_own_period_open() const {
+    return is_running(DS_GLOBAL_SLOT_OWN_RESTART_TIMER);
+}
+
+// A service of local scope is nowhere but in the sum, a service that the relay knows may belong to
+// a client that did not come back with the others.
+bool Restart::is_complete() const {
+    const bool is_local_back = !sum_.had_publications() || sum_.is_restored() || is_window_over_;
+    const bool is_replay_back = !engine_.is_replicating() || (is_listed_ && waiting_.empty());
+    return is_local_back && is_replay_back;
+}
+
+void Restart::end_if_complete() {
+    if (is_own_period_open() && is_complete()) end_own_period();
+}
+
+void Restart::end_own_period() {
+    finalise();
+    mgd_timer_leaf_stop(timer_of(DS_GLOBAL_SLOT_OWN_RESTART_TIMER));
+    loop_.disarm(window_alarm_);
+    on_end_();
+}
+
+void Restart::finalise() {
+    ds_db_finalize_restart();
+    directory_.changed();
+    directory_.drop_empty_names();
+    sum_.settle();
+    waiting_.clear();
+}
+
+// Only the timers of the block end a period; one that a later disconnection has replaced does not.
+void Restart::on_timer(mgd_timer_t *timer) {
+    const bool is_own = timer == timer_of(DS_GLOBAL_SLOT_OWN_RESTART_TIMER);
+    if (!is_own && timer != timer_of(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER))
+        return mgd_timer_release(timer);
+    // The end settles the services of all nodes at once, so the periods end together.
+    if (!is_own && is_own_period_open()) return;
+    if (is_own && is_running(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER))
+        return mgd_timer_leaf_start(timer, longer_for_the_relay);
+    finalise();
+    mgd_timer_leaf_stop(timer);
+    on_end_();
+}
+
+// ---- what the engine reports ----
+
+void Restart::connected() {
+    is_listed_ = false;
+    dsr_connect_cb();
+    directory_.changed();
+}
+
+void Restart::disconnected() {
+    is_listed_ = false;
+    mgd_timer_release(timer_of(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER));
+    ds_globals_get()->slot[DS_GLOBAL_SLOT_RELAY_RESTART_TIMER] = 0;
+    dsr_disconn_cb();
+    directory_.changed();
+}
+
+void Restart::received(const relay::NodeAddress &sender, const dsr_update_t &update) {
+    dsr_receive_cb(update.operation, sender.data(), update.service_name, update.service_id,
+                   update.instance, update.scope, update.pid, update.version, update.ep_bytes,
+                   update.ep_len, update.attr_bytes, update.attr_len);
+    directory_.changed();
+    const bool is_replayed =
+        sender == directory_.node() && update.operation != DSR_DELETE && is_own_period_open();
+    if (is_replayed && !is_published_again(update)) waiting_.insert(update.service_id);
+}
+
+bool Restart::is_published_again(const dsr_update_t &update) const {
+    const ds_service_t *service =
+        directory_.find_local_service(update.service_name, update.service_id);
+    return service != nullptr && (service->flags & DS_SERVICE_FLAG_RECONCILE) != 0;
+}
+
+void Restart::published(const ds_service_t &service) {
+    waiting_.erase(service.service_id);
+}
+
+void Restart::listed() {
+    is_listed_ = true;
+    if (!is_running(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER)) return;
+    // Changes that follow the list must find the services settled. When the own period is open as
+    // well it ends here, too: clients that are not back yet will publish anew.
+    finalise();
+    mgd_timer_leaf_stop(timer_of(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER));
+    if (is_own_period_open()) mgd_timer_leaf_stop(timer_of(DS_GLOBAL_SLOT_OWN_RESTART_TIMER));
+    on_end_();
+}
+
+void Restart::node_down(const relay::NodeAddress &node) {
+    dsr_peer_down_cb(node.data());
+    directory_.drop_empty_names();
+}
+
+} // namespace ds::host

@@ -1,0 +1,410 @@
+// Restart periods of the daemon: with what it published before, and with an engine that replays.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+
+#include <filesystem>
+#include <fstream>
+#include <optional>
+
+#include "directory_fixture.h"
+#include "host/publication_sum.h"
+
+namespace ds::host {
+namespace {
+
+constexpr std::uint64_t ns_per_s = 1'000'000'000;
+constexpr NodeAddress own_node = {0x02, 0x10, 0x20, 0x30, 0x40, 0x50};
+constexpr NodeAddress other_node = {0x02, 0x10, 0x20, 0x30, 0x40, 0x51};
+
+class ScriptedEngine final : public relay::Engine {
+  public:
+    explicit ScriptedEngine(bool is_replicating = true) : is_replicating_(is_replicating) {}
+    const char *name() const override { return "scripted"; }
+    bool is_replicating() const override { return is_replicating_; }
+    void start(relay::Events &reports) override { events = &reports; }
+    int send(const dsr_update_t &update) override {
+        static constexpr const char *operations[] = {"?", "ADD", "MODIFY", "DELETE"};
+        sent.push_back(std::string(operations[update.operation]) + ' ' + update.service_name);
+        return 0;
+    }
+
+    // An entry as clients of this protocol publish it: at 10.0.0.1 with that port.
+    void deliver(const NodeAddress &sender, const char *service, std::uint32_t id,
+                 std::uint32_t port = 8080, std::uint32_t operation = DSR_ADD,
+                 std::uint32_t pid = static_cast<std::uint32_t>(getpid())) {
+        std::uint8_t endpoint[DS_ENDPOINT_IP_BYTES];
+        ds_encode_endpoint(0x0a000001, port, endpoint, sizeof endpoint);
+        dsr_update_t update = {};
+        update.operation = operation;
+        update.service_name = service;
+        update.service_id = id;
+        update.instance = ";";
+        update.scope = DS_SCOPE_SYSTEM;
+        update.pid = pid;
+        update.version = 1;
+        update.ep_bytes = endpoint;
+        update.ep_len = sizeof endpoint;
+        events->received(sender, update);
+    }
+
+    relay::Events *events = nullptr;
+    std::vector<std::string> sent;
+
+  private:
+    bool is_replicating_;
+};
+
+class RestartTest : public testing::Test {
+  protected:
+    void start(ScriptedEngine &engine) { start(engine, no_sum); }
+    void start(ScriptedEngine &engine, PublicationSum &sum) {
+        config.socket = "/none/ds.sock";
+        config.trace_dir = "/none/trace";
+        config.node = own_node;
+        server.emplace(loop, config, engine, sum, UniqueFd());
+        replace_shared_server(&loop, &*server);
+    }
+    void TearDown() override {
+        replace_shared_server(nullptr, nullptr);
+        server.reset();
+        std::filesystem::remove(file);
+    }
+    static std::string unique_file() {
+        return testing::TempDir() + "published." + std::to_string(getpid());
+    }
+    // What a daemon before this one left.
+    static void leave_published(const std::string &path, const std::vector<std::string> &names) {
+        PublicationSum before(path);
+        before.settle();
+        for (const std::string &name : names)
+            before.add(name, ";", v1::SCOPE_SYSTEM);
+    }
+    static void turn() { shared_loop().turn(0); }
+    static v1::Snapshot snapshot_of(Client &client) {
+        return client.receive().notification().snapshot();
+    }
+
+    std::string file = unique_file();
+    Config config;
+    std::optional<PublicationSum> own_sum;
+    PublicationSum no_sum;
+    Loop loop{shared_time_ns};
+    std::optional<Server> server;
+};
+
+class RestartAfterPublications : public RestartTest {
+  protected:
+    RestartAfterPublications() { leave_published(file, {"restart.web", "restart.mail"}); }
+    void start_with_file() {
+        own_sum.emplace(file);
+        start(engine, *own_sum);
+    }
+    ScriptedEngine engine{false};
+};
+
+TEST_F(RestartTest, without_relay_and_without_former_publications_there_is_no_period) {
+    ScriptedEngine engine(false);
+    start(engine);
+    Client client;
+    client.hello();
+
+    client.call(register_request("restart.web"));
+    const v1::Snapshot snapshot = snapshot_of(client);
+
+    EXPECT_FALSE(snapshot.reconciling());
+    EXPECT_FALSE(snapshot.resynced());
+}
+
+TEST_F(RestartAfterPublications, the_period_ends_as_soon_as_all_of_them_are_back) {
+    start_with_file();
+    Client publisher, watcher;
+    publisher.hello();
+    watcher.hello();
+    watcher.call(register_request("restart.web"));
+    const v1::Snapshot first = snapshot_of(watcher);
+    publisher.call(publish_request("restart.web"));
+    const v1::Snapshot second = snapshot_of(watcher);
+    const bool was_open = server->restart().is_own_period_open();
+
+    publisher.call(publish_request("restart.mail"));
+    const v1::Snapshot last = snapshot_of(watcher);
+
+    EXPECT_TRUE(first.reconciling());
+    EXPECT_EQ(first.instances_size(), 0);
+    EXPECT_TRUE(second.reconciling());
+    EXPECT_TRUE(was_open);
+    EXPECT_FALSE(server->restart().is_own_period_open());
+    EXPECT_TRUE(last.resynced());
+    EXPECT_FALSE(last.reconciling());
+    EXPECT_EQ(last.instances_size(), 1);
+}
+
+TEST_F(RestartAfterPublications, the_period_ends_with_the_window_when_one_does_not_come_back) {
+    start_with_file();
+    Client publisher, watcher;
+    publisher.hello();
+    watcher.hello();
+    watcher.call(register_request("restart.web"));
+    snapshot_of(watcher);
+    watcher.call(register_request("restart.mail"));
+    snapshot_of(watcher);
+    publisher.call(publish_request("restart.web"));
+    snapshot_of(watcher);
+
+    advance_time(5 * ns_per_s);
+    const v1::Snapshot one = snapshot_of(watcher), other = snapshot_of(watcher);
+
+    EXPECT_TRUE(one.resynced());
+    EXPECT_TRUE(other.resynced());
+    EXPECT_EQ(one.instances_size() + other.instances_size(), 1);
+    EXPECT_FALSE(server->restart().is_own_period_open());
+}
+
+TEST_F(RestartAfterPublications, a_daemon_that_dies_in_its_period_leaves_the_former_expectation) {
+    {
+        PublicationSum dying(file);
+        dying.add("restart.web", ";", v1::SCOPE_SYSTEM);
+    }
+
+    start_with_file();
+    Client publisher;
+    publisher.hello();
+    publisher.call(publish_request("restart.web"));
+    const bool is_open_with_one = server->restart().is_own_period_open();
+    publisher.call(publish_request("restart.mail"));
+    turn();
+
+    EXPECT_TRUE(is_open_with_one);
+    EXPECT_FALSE(server->restart().is_own_period_open());
+}
+
+TEST_F(RestartTest, a_first_boot_ends_its_period_with_the_empty_list) {
+    ScriptedEngine engine;
+    start(engine);
+    engine.events->connected();
+    turn();
+    const bool was_open = server->restart().is_own_period_open();
+
+    engine.events->listed();
+    turn();
+
+    EXPECT_TRUE(was_open);
+    EXPECT_FALSE(server->restart().is_own_period_open());
+}
+
+TEST_F(RestartTest, a_replayed_service_that_is_published_again_is_kept_and_announced) {
+    ScriptedEngine engine;
+    start(engine);
+    Client publisher, watcher;
+    publisher.hello();
+    watcher.hello();
+    engine.events->connected();
+    engine.deliver(own_node, "restart.replayed", 0x77000001);
+    engine.events->listed();
+    turn();
+    const bool waits = server->restart().is_own_period_open();
+
+    const v1::Reply reply = publisher.call(publish_request("restart.replayed"));
+    turn();
+    watcher.call(register_request("restart.replayed"));
+    const v1::Snapshot snapshot = snapshot_of(watcher);
+
+    EXPECT_TRUE(waits);
+    EXPECT_FALSE(server->restart().is_own_period_open());
+    EXPECT_EQ(reply.service_id(), 0x77000001u);
+    EXPECT_EQ(engine.sent, std::vector<std::string>{"MODIFY restart.replayed"});
+    EXPECT_FALSE(snapshot.reconciling());
+    EXPECT_EQ(snapshot.instances_size(), 1);
+}
+
+TEST_F(RestartTest, a_service_that_was_published_before_its_replay_ends_the_wait_with_it) {
+    ScriptedEngine engine;
+    start(engine);
+    Client publisher;
+    publisher.hello();
+    publisher.call(publish_request("restart.early"));
+    engine.events->connected();
+    engine.deliver(own_node, "restart.early", 0x77000002);
+    const bool is_open_before_list = server->restart().is_own_period_open();
+
+    engine.events->listed();
+    turn();
+
+    EXPECT_TRUE(is_open_before_list);
+    EXPECT_FALSE(server->restart().is_own_period_open());
+    EXPECT_EQ(engine.sent, std::vector<std::string>{"MODIFY restart.early"});
+}
+
+TEST_F(RestartTest, a_replayed_service_that_nobody_publishes_again_is_withdrawn_after_30_seconds) {
+    ScriptedEngine engine;
+    start(engine);
+    engine.events->connected();
+    engine.deliver(own_node, "restart.dead", 0x77000003);
+    engine.events->listed();
+    turn();
+    advance_time(29 * ns_per_s);
+    turn();
+    const std::vector<std::string> sent_before = engine.sent;
+
+    advance_time(2 * ns_per_s);
+    turn();
+
+    EXPECT_TRUE(sent_before.empty());
+    EXPECT_EQ(engine.sent, std::vector<std::string>{"DELETE restart.dead"});
+    EXPECT_EQ(server->directory().find("restart.dead"), nullptr);
+    EXPECT_FALSE(server->restart().is_own_period_open());
+}
+
+TEST_F(RestartTest, remote_services_outlast_the_relay_and_only_those_missing_in_the_list_go) {
+    ScriptedEngine engine;
+    start(engine);
+    engine.events->connected();
+    engine.deliver(other_node, "restart.kept", 0x88000001);
+    engine.deliver(other_node, "restart.lost", 0x88000002);
+    engine.events->listed();
+    turn();
+    Client watcher;
+    watcher.hello();
+    watcher.call(register_request("restart.kept"));
+    snapshot_of(watcher);
+    watcher.call(register_request("restart.lost"));
+    snapshot_of(watcher);
+
+    engine.events->disconnected();
+    turn();
+    watcher.call(register_request("restart.kept"));
+    const v1::Snapshot meanwhile = snapshot_of(watcher);
+    engine.events->connected();
+    engine.deliver(other_node, "restart.kept", 0x88000001);
+    engine.events->listed();
+    turn();
+    const v1::Snapshot lost = snapshot_of(watcher), again = snapshot_of(watcher);
+
+    EXPECT_TRUE(meanwhile.reconciling());
+    EXPECT_EQ(meanwhile.instances_size(), 1);
+    EXPECT_EQ(lost.name(), "restart.lost");
+    EXPECT_EQ(lost.instances_size(), 0);
+    EXPECT_TRUE(again.resynced());
+    EXPECT_EQ(again.instances_size(), 1);
+    engine.events->node_down(other_node);
+}
+
+TEST_F(RestartTest, a_relay_that_stays_away_costs_the_remote_services_after_30_seconds) {
+    ScriptedEngine engine;
+    start(engine);
+    engine.events->connected();
+    engine.deliver(other_node, "restart.remote", 0x88000003);
+    engine.events->listed();
+    turn();
+    engine.events->disconnected();
+    advance_time(29 * ns_per_s);
+    turn();
+    const bool is_there_meanwhile = server->directory().find("restart.remote") != nullptr;
+
+    advance_time(2 * ns_per_s);
+    turn();
+
+    EXPECT_TRUE(is_there_meanwhile);
+    EXPECT_EQ(server->directory().find("restart.remote"), nullptr);
+}
+
+TEST_F(RestartTest, only_the_newest_of_two_disconnections_ends_the_period) {
+    ScriptedEngine engine;
+    start(engine);
+    engine.events->connected();
+    engine.deliver(other_node, "restart.twice", 0x88000004);
+    engine.events->listed();
+    turn();
+    engine.events->disconnected();
+    advance_time(20 * ns_per_s);
+    turn();
+    engine.events->connected();
+    engine.events->disconnected();
+
+    advance_time(15 * ns_per_s);
+    turn();
+    const bool is_there_after_the_first = server->directory().find("restart.twice") != nullptr;
+    advance_time(16 * ns_per_s);
+    turn();
+
+    EXPECT_TRUE(is_there_after_the_first);
+    EXPECT_EQ(server->directory().find("restart.twice"), nullptr);
+}
+
+TEST_F(RestartTest, a_node_that_goes_down_takes_its_services_and_their_names_along) {
+    ScriptedEngine engine;
+    start(engine);
+    engine.events->connected();
+    engine.deliver(other_node, "restart.a", 0x88000005);
+    engine.deliver(other_node, "restart.b", 0x88000006);
+    engine.events->listed();
+
+    engine.events->node_down(other_node);
+
+    EXPECT_EQ(server->directory().find("restart.a"), nullptr);
+    EXPECT_EQ(server->directory().find("restart.b"), nullptr);
+}
+
+// ---- the number in the runtime directory ----
+
+TEST(PublicationSum, what_was_published_is_restored_in_any_order) {
+    const std::string path = testing::TempDir() + "sum." + std::to_string(getpid());
+    {
+        PublicationSum before(path);
+        before.settle();
+        before.add("web", "a;", 1);
+        before.add("web", "b;", 1);
+        before.add("mail", ";", 3);
+        before.remove("mail", ";", 3);
+    }
+
+    PublicationSum after(path);
+    after.add("web", "b;", 1);
+    const bool is_restored_by_one = after.is_restored();
+    after.add("web", "a;", 1);
+
+    EXPECT_TRUE(after.had_publications());
+    EXPECT_FALSE(is_restored_by_one);
+    EXPECT_TRUE(after.is_restored());
+    std::filesystem::remove(path);
+}
+
+TEST(PublicationSum, name_instance_and_scope_each_tell_publications_apart) {
+    const std::string path = testing::TempDir() + "sum." + std::to_string(getpid());
+    {
+        PublicationSum before(path);
+        before.settle();
+        before.add("web", "a;", 1);
+    }
+
+    for (const auto &[name, instance, scope] :
+         {std::tuple("we", "ba;", 1u), std::tuple("web", "b;", 1u), std::tuple("web", "a;", 2u)}) {
+        PublicationSum after(path);
+        after.add(name, instance, scope);
+        EXPECT_FALSE(after.is_restored());
+    }
+    std::filesystem::remove(path);
+}
+
+TEST(PublicationSum, a_foreign_file_counts_as_empty_and_is_made_ours) {
+    const std::string path = testing::TempDir() + "sum." + std::to_string(getpid());
+    std::ofstream(path) << std::string(4096, 'x');
+
+    const PublicationSum sum(path);
+
+    EXPECT_FALSE(sum.had_publications());
+    EXPECT_LT(std::filesystem::file_size(path), 100u);
+    std::filesystem::remove(path);
+}
+
+TEST(PublicationSum, a_symbolic_link_is_refused) {
+    const std::string path = testing::TempDir() + "sum." + std::to_string(getpid());
+    std::filesystem::create_symlink("/none", path);
+
+    EXPECT_THROW(PublicationSum{path}, std::exception);
+    std::filesystem::remove(path);
+}
+
+} // namespace
+} // namespace ds::host
