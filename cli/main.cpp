@@ -17,7 +17,7 @@ constexpr Verb verbs[] = {
     {"list", prepare_list, "List what is published"},
     {"show", prepare_show, "Show everything about one name"},
     {"status", prepare_status, "Show how the daemon is"},
-    {"trace", prepare_trace, "Show the newest lines of the daemon's trace"},
+    {"trace", prepare_trace, "Show, follow and search the daemon's trace"},
 };
 
 constexpr char purpose[] = "Publish, watch and inspect services of the directory service.";

@@ -1,4 +1,5 @@
-// Prints docs/log_points.md: every log point of the library, as the compiler sees the table.
+// Prints docs/log_points.md: every log point of the library, as the compiler sees the table, and
+// what it means to an operator.
 //
 // The page is generated and checked in, so that an operator can read it without a build and a
 // reviewer sees what a change of the table does to trace records. A test keeps it fresh.
@@ -8,8 +9,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <utility>
 
+#include "cli/trace_explanations.h"
 #include "ds_trace.h"
 
 namespace {
@@ -70,7 +73,9 @@ void print_introduction() {
 
 The library writes %zu log points. Each one goes to a trace channel and, when the host has set a
 console stream, as a line of text to that stream. This page is printed from the table that the
-library is compiled from, `ds_log_points.def`: run `make docs` after a change there.
+library is compiled from, `ds_log_points.def`, and from the explanations of the command line
+program, `cli/trace_explanations.def`: run `make docs` after a change there. `dsctl trace` shows the
+records, `dsctl trace --explain TAG` what is said here about one point.
 
 - **Id** and **tag** name the point: a trace record carries the id, a console line the tag.
 - **Signature** has a letter per argument: `s` a text, `d` 32 bits, `D` 64 bits or a pointer.
@@ -86,6 +91,26 @@ Format identifier of this table: `%s`.
 A reader that knows another identifier must not print records of this one.
 )",
                 ds_log::point_count, ds_log::format_id.data());
+}
+
+// Text from the tables as the page shows it: patterns and names are not to be taken for marks.
+std::string marked(std::string_view text) {
+    std::string out;
+    for (const char c : text) {
+        if (c == '_' || c == '*' || c == '<') out += '\\';
+        out += c;
+    }
+    return out;
+}
+
+void print_explanations(const section &wanted) {
+    std::printf("\n");
+    for (const row &r : rows) {
+        if (r.point->channel != wanted.channel) continue;
+        const ds::cli::Explanation &explanation = ds::cli::explanations[r.point->number];
+        std::printf("- **%s**: %s *To do:* %s\n", marked(r.point->tag).c_str(),
+                    marked(explanation.happened).c_str(), marked(explanation.advice).c_str());
+    }
 }
 
 void print_section(const section &wanted) {
@@ -110,7 +135,9 @@ void print_section(const section &wanted) {
 
 int main() {
     print_introduction();
-    for (const section &wanted : sections)
+    for (const section &wanted : sections) {
         print_section(wanted);
+        print_explanations(wanted);
+    }
     return std::fflush(stdout) == 0 && std::ferror(stdout) == 0 ? 0 : 1;
 }
