@@ -74,6 +74,8 @@ TEST_F(RingHostile, foreign_and_short_files_are_refused_by_name) {
 
 TEST_F(RingHostile, a_damaged_header_is_refused_with_what_is_wrong) {
     EXPECT_TRUE(is_refused(with<std::uint32_t>(at_version, 2), "format version 2")) << error;
+    EXPECT_TRUE(is_refused(with<std::uint32_t>(at_version, 0x01000000), "other byte order"))
+        << error;
     EXPECT_TRUE(is_refused(with<std::uint32_t>(at_header_bytes, 0), "sizes")) << error;
     EXPECT_TRUE(is_refused(with<std::uint64_t>(at_data_bytes, 0), "sizes")) << error;
     EXPECT_TRUE(is_refused(with<std::uint64_t>(at_data_bytes, 0x2001), "sizes")) << error;
@@ -106,6 +108,7 @@ TEST_F(RingHostile, a_record_that_makes_no_sense_ends_the_reading_before_it) {
         ASSERT_EQ(records.size(), 1u) << wrong;
         EXPECT_EQ(ring_test::checked_index(records[0]), 0);
         EXPECT_EQ(position, 1u);
+        EXPECT_NE(ring->flaw().find("makes no sense"), std::string::npos) << wrong;
     }
 }
 
@@ -123,6 +126,42 @@ TEST_F(RingHostile, a_record_that_claims_the_last_number_ends_the_reading_for_go
     EXPECT_TRUE(second.empty());
     EXPECT_EQ(position, 0u);
     EXPECT_EQ(lost, 0u);
+}
+
+TEST_F(RingHostile, a_record_out_of_its_turn_ends_the_reading_before_it) {
+    constexpr std::size_t at_sequence = 8;
+    std::uint32_t first_bytes = 0;
+    std::memcpy(&first_bytes, good.data() + at_data, sizeof first_bytes);
+    const auto ring = open_bytes(with<std::uint64_t>(at_data + first_bytes + at_sequence, 7));
+    ASSERT_NE(ring, nullptr) << error;
+    std::uint64_t position = 0;
+    std::uint64_t lost = 0;
+
+    const auto records = ring->read(position, lost);
+
+    EXPECT_EQ(records.size(), 1u);
+    EXPECT_EQ(lost, 0u);
+    EXPECT_NE(ring->flaw().find("makes no sense"), std::string::npos);
+}
+
+// As a writer leaves it that is killed within a record: the head has not moved yet.
+TEST_F(RingHostile, a_record_that_was_only_begun_is_not_read) {
+    std::uint64_t head = 0;
+    std::memcpy(&head, good.data() + at_head, sizeof head);
+    for (const std::size_t torn_bytes : {1u, 8u, 41u, 63u}) {
+        std::string bytes = good;
+        std::memset(bytes.data() + at_data + head, 0x51, torn_bytes);
+        const auto ring = open_bytes(bytes);
+        ASSERT_NE(ring, nullptr) << error;
+        std::uint64_t position = 0;
+        std::uint64_t lost = 0;
+
+        const auto records = ring->read(position, lost);
+
+        EXPECT_EQ(records.size(), 30u);
+        EXPECT_EQ(ring_test::checked_index(records.back()), 29);
+        EXPECT_EQ(ring->flaw(), "");
+    }
 }
 
 TEST_F(RingHostile, random_damage_never_leads_outside_the_file) {
@@ -151,16 +190,32 @@ TEST_F(RingHostile, random_damage_never_leads_outside_the_file) {
 }
 
 TEST_F(RingHostile, a_file_that_is_cut_short_under_the_reader_gives_nothing_more) {
-    const auto ring = open_bytes(good);
+    for (const std::size_t bytes_left : {0u, 400u, 4096u, 4200u}) {
+        const auto ring = open_bytes(good);
+        ASSERT_NE(ring, nullptr) << error;
+        std::filesystem::resize_file(path("bad"), bytes_left);
+        std::uint64_t position = 0;
+        std::uint64_t lost = 0;
+
+        const auto records = ring->read(position, lost);
+
+        EXPECT_TRUE(records.empty());
+        EXPECT_EQ(position, 0u);
+        EXPECT_EQ(ring->flaw(), "was cut short while it was read");
+    }
+}
+
+TEST_F(RingHostile, a_file_is_told_from_the_one_that_replaced_it) {
+    const auto ring = reader("pub");
     ASSERT_NE(ring, nullptr) << error;
-    std::filesystem::resize_file(path("bad"), 0);
-    std::uint64_t position = 0;
-    std::uint64_t lost = 0;
 
-    const auto records = ring->read(position, lost);
-
-    EXPECT_TRUE(records.empty());
-    EXPECT_EQ(position, 0u);
+    EXPECT_TRUE(ring->is_still_at(path("pub")));
+    std::filesystem::rename(path("pub"), path("gone"));
+    EXPECT_TRUE(ring->is_still_at(path("pub"))) << "nothing is there yet";
+    ASSERT_NE(open_bytes(good), nullptr) << error;
+    std::filesystem::rename(path("bad"), path("pub"));
+    EXPECT_FALSE(ring->is_still_at(path("pub")));
+    EXPECT_TRUE(ring->is_still_at(path("gone")));
 }
 
 TEST_F(RingHostile, a_writer_whose_file_was_spoilt_starts_over_and_goes_on) {
