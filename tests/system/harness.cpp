@@ -148,6 +148,7 @@ Daemon::Daemon(const Options &options) : runtime_dir_(options.runtime_dir) {
     Pipe out;
     Launch dsd;
     dsd.arguments = {dsd_program(), "--runtime-dir", runtime_dir_};
+    dsd.arguments.insert(dsd.arguments.end(), options.arguments.begin(), options.arguments.end());
     dsd.environment = options.environment;
     dsd.environment.emplace_back(sanitizer_options);
     dsd.descriptors_max = options.descriptors_max;

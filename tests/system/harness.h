@@ -186,6 +186,7 @@ class Daemon {
         std::string runtime_dir;              // empty: a new one
         std::vector<std::string> environment; // as in Launch
         rlim_t descriptors_max = 0;
+        std::vector<std::string> arguments = {}; // beside the runtime directory
     };
 
     Daemon() : Daemon(Options{}) {}
