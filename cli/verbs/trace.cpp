@@ -94,7 +94,7 @@ class Printer {
     void take(const TraceLine &line);
     void show(const TraceLine &line);
     void show_newest();
-    void follow();
+    void follow(const StopSignals &stop);
     void put(const std::string &text);
     void flush();
 
@@ -170,25 +170,30 @@ void Printer::show_newest() {
     flush();
 }
 
-// Until a stop signal comes or nobody reads the output any more.
-void Printer::follow() {
-    const StopSignals stop;
+// Until a stop signal comes or nobody reads the output any more. What happened before the signal is
+// shown.
+void Printer::follow(const StopSignals &stop) {
     is_following_ = true;
-    for (;;) {
+    bool is_stopped = false;
+    while (!is_stopped) {
         pollfd items[] = {{stop.fd(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
-        if (::poll(items, std::size(items), look_interval_ms) > 0) break;
+        ::poll(items, std::size(items), look_interval_ms);
+        if (items[1].revents != 0) return;
+        is_stopped = items[0].revents != 0;
         rings_.read_new();
+        if (is_stopped) rings_.flush();
         flush();
     }
-    rings_.flush();
-    flush();
 }
 
 int Printer::run() {
+    // From the start, so that an interrupt ends the following alike whenever it comes.
+    std::optional<StopSignals> stop;
+    if (options_.follow) stop.emplace();
     if (const int code = rings_.open(); code != exit_ok) return code;
     rings_.read_all();
     show_newest();
-    if (options_.follow) follow();
+    if (stop) follow(*stop);
     return has_refused_ ? exit_failure : exit_ok;
 }
 
@@ -212,6 +217,11 @@ std::string check_channel(const std::string &text) {
         if (text == known) return "";
     }
     return "the channels are pub, reg, err, notif and main";
+}
+
+std::string check_count(const std::string &text) {
+    const bool is_number = text.find_first_not_of("0123456789") == text.npos && text.size() < 10;
+    return is_number ? "" : '\'' + text + "' is no number of records";
 }
 
 std::string check_moment(const std::string &text) {
@@ -261,8 +271,9 @@ Action prepare_trace(CLI::App &app) {
     auto options = std::make_shared<Options>();
     app.description(description);
     app.footer(examples);
-    auto *count =
-        app.add_option("-n", options->line_count, "How many records (default 20)")->type_name("N");
+    auto *count = app.add_option("-n", options->line_count, "How many records (default 20)")
+                      ->type_name("N")
+                      ->check(check_count);
     app.add_flag("--all", options->all, "All that the files hold")->excludes(count);
     auto *follow = app.add_flag("-f,--follow", options->follow,
                                 "Then show what comes, until Ctrl-C; -o json is then jsonl");

@@ -322,6 +322,7 @@ TEST_F(TraceFilters, what_makes_no_sense_on_the_command_line_ends_with_2) {
                                                {"--grep", "a("},
                                                {"--channel", "pup"},
                                                {"-n", "3", "--all"},
+                                               {"-n", "-5"},
                                                {"-f", "--until", "1m"},
                                                {"-f", "--previous"}}) {
         std::vector<std::string> line = {"trace"};
