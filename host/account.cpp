@@ -3,9 +3,16 @@
 #include <algorithm>
 #include <tuple>
 
+#include "host/loop.h"
 #include "host/users.h"
 
 namespace ds::host {
+
+namespace {
+
+constexpr std::int64_t debt_ns_max = 1'000'000; // a process that had to wait is not to blame
+
+} // namespace
 
 const std::string &Account::name() {
     if (name_.empty()) name_ = user_name(uid);
@@ -56,6 +63,10 @@ std::string Accounts::refusal_of_sessions(Account &account, std::uint64_t sessio
 
 // ---- Shares ----
 
+std::int64_t Shares::now_ns() {
+    return static_cast<std::int64_t>(Loop::monotonic_ns());
+}
+
 void Shares::wake(Account &account) {
     if (!account.is_linked()) fresh_.push_back(account);
 }
@@ -64,16 +75,16 @@ void Shares::wake(Account &account) {
 Account *Shares::next_in_line() {
     while (!backlogged_.empty()) {
         Account &account = backlogged_.front();
-        account.credit = std::min(account.credit + effort_per_slice, effort_per_slice);
+        account.credit_ns = std::min(account.credit_ns + slice_ns, slice_ns);
         const bool is_alone = &account == &backlogged_.back();
-        if (account.credit > 0 || is_alone) return &account;
+        if (account.credit_ns > 0 || is_alone) return &account;
         backlogged_.splice(backlogged_.end(), backlogged_, backlogged_.begin());
     }
     return nullptr;
 }
 
 void Shares::settle(Account &account) {
-    account.credit = std::max(std::min(left_, std::int64_t{0}), -debt_max);
+    account.credit_ns = std::clamp(slice_end_ns_ - now_ns(), -debt_ns_max, std::int64_t{0});
     if (account.is_linked()) account.unlink(); // its own slice has woken it
     if (account.has_work()) backlogged_.push_back(account);
 }

@@ -1,14 +1,15 @@
 // The users who have sessions: what each has, may have, and the work that waits for each.
 //
 // Work is shared among users, not among sessions, so that nobody gets more of the daemon by opening
-// more sessions. A user's work is done in slices of bounded effort. In each turn of the loop every
-// user for whom work has come up since the last turn gets a slice, and of those whose work is not
-// done, the next one in line. So whoever asks for little waits for one slice of somebody else's at
-// most, however much somebody else asks for.
+// more sessions. A user's work is done in rounds: a number of requests is handled, then what they
+// brought about is sent, so that many answers leave with one write. A round is done in slices of a
+// few microseconds, and between two slices the daemon looks for what has come up meanwhile. In each
+// turn of the loop every user for whom work has come up since the last turn gets a slice, and of
+// those whose work is not done, the next one in line. So whoever asks for little waits for one
+// slice of somebody else's at most, however much somebody else asks for.
 #pragma once
 #include <sys/types.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <unordered_map>
@@ -36,10 +37,11 @@ struct Account
     const uid_t uid;
     Amounts used;
     Amounts limits;
-    WaitingQueue to_serve;   // sessions with requests, or with a departure to go on with
-    WaitingQueue to_flush;   // sessions with something to send
-    WaitingQueue paused;     // sessions whose requests wait until data is taken
-    std::int64_t credit = 0; // effort that it may still take; below 0 when a slice overran
+    WaitingQueue to_serve;       // sessions with requests, or with a departure to go on with
+    WaitingQueue to_flush;       // sessions with something to send
+    WaitingQueue paused;         // sessions whose requests wait until data is taken
+    std::int64_t credit_ns = 0;  // below 0 when slices overran
+    std::int64_t round_left = 0; // requests until it is time to send
 
     bool has_work() const { return !to_serve.empty() || !to_flush.empty(); }
     bool is_above(Resource resource) const { return used[resource] > limits[resource]; }
@@ -80,8 +82,8 @@ class Accounts {
 // Who gets the next slice.
 class Shares {
   public:
-    // About a microsecond of the daemon's time is 16.
-    static constexpr std::int64_t effort_per_slice = 512;
+    static constexpr std::int64_t slice_ns = 5'000;
+    static constexpr std::int64_t requests_per_round = 32;
 
     void wake(Account &account); // it has work
 
@@ -97,20 +99,16 @@ class Shares {
         if (next != nullptr) run_slice(*next, serve);
     }
 
-    // Of the slice that runs.
-    void spend(std::int64_t effort) { left_ -= effort; }
-    bool is_spent() const { return left_ <= 0; }
-    // A slice is two parts: work that comes in, and work that goes out. What the first overran, the
-    // second lacks.
-    void refill() { left_ = std::min(left_, std::int64_t{0}) + effort_per_slice; }
+    // Whether the slice that runs is over. What was begun is never interrupted.
+    bool is_over() const { return now_ns() >= slice_end_ns_; }
 
   private:
-    static constexpr std::int64_t debt_max = 64 * effort_per_slice;
+    static std::int64_t now_ns();
 
     Account *next_in_line();
     template <typename Function> void run_slice(Account &account, Function serve) {
         account.unlink();
-        left_ = effort_per_slice;
+        slice_end_ns_ = now_ns() + slice_ns;
         serve(account);
         settle(account);
     }
@@ -118,7 +116,7 @@ class Shares {
 
     AccountQueue fresh_;      // work has come up since they had a slice
     AccountQueue backlogged_; // their slice was not enough, longest waiting first
-    std::int64_t left_ = 0;
+    std::int64_t slice_end_ns_ = 0;
 };
 
 } // namespace ds::host

@@ -120,7 +120,7 @@ void Outbound::unmark(Registration &registration) {
     pending_.remove(registration);
 }
 
-Outbound::Result Outbound::send(int fd, Output &output, std::size_t &bytes) {
+Outbound::Result Outbound::send(int fd, Output &output) {
     if (!has_anything()) return Result::done;
     collect(output);
     const msghdr header = output.gather.header();
@@ -128,7 +128,6 @@ Outbound::Result Outbound::send(int fd, Output &output, std::size_t &bytes) {
     if (result < 0 && errno == EINTR) return Result::more;
     if (result < 0) return errno == EAGAIN ? Result::blocked : Result::broken;
     const auto sent = static_cast<std::size_t>(result);
-    bytes += sent;
     const bool is_cut = sent < output.gather.bytes();
     settle(sent, output);
     if (is_cut) return Result::blocked;

@@ -96,9 +96,8 @@ class Outbound {
     bool mark(Registration &registration); // false: it was marked already
     void unmark(Registration &registration);
 
-    // Sends what goes into one write, adding to `bytes` how many were taken; blocked: the rest has
-    // to wait until the socket is writable.
-    Result send(int fd, Output &output, std::size_t &bytes);
+    // Sends what goes into one write; blocked: the rest has to wait until the socket is writable.
+    Result send(int fd, Output &output);
 
     std::size_t unsent_bytes() const { return replies_.size() - replies_sent_; }
     bool has_anything() const { return unsent_bytes() > 0 || pending_.front() != nullptr; }

@@ -131,18 +131,21 @@ Output &Server::fresh_output() {
     return output_;
 }
 
+// Goes on with the user's round where the last slice has left it.
 void Server::serve(Account &account) {
-    flush_some(account);
-    if (!account.to_flush.empty()) return;
-    while (!account.to_serve.empty() && !shares_.is_spent())
-        account.to_serve.front().session.serve();
-    shares_.refill();
-    flush_some(account);
-}
-
-void Server::flush_some(Account &account) {
-    while (!account.to_flush.empty() && !shares_.is_spent())
-        account.to_flush.front().session.flush();
+    while (account.has_work() && !shares_.is_over()) {
+        if (account.round_left > 0 && !account.to_serve.empty()) {
+            // A session that the slice interrupts stays in front, so that its answers leave
+            // together at the round's end; then it is the next one's turn.
+            Session &session = account.to_serve.front().session;
+            if (!session.serve()) session.queue_to_serve(account.round_left > 0);
+        } else if (!account.to_flush.empty()) {
+            account.round_left = 0;
+            account.to_flush.front().session.flush();
+        } else {
+            account.round_left = Shares::requests_per_round;
+        }
+    }
 }
 
 void Server::limit_drain(const Session &session) {

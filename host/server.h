@@ -1,10 +1,8 @@
 // The daemon without its start: the sessions around the one directory, and the turn they share.
 //
 // Sessions whose sockets got ready, and sessions that have something to send, wait in the queues of
-// their users. A turn gives slices to users (account.h): in a slice, first what earlier slices left
-// to be sent is sent, then requests are handled, then what those brought about is sent. Handling a
-// request only marks who has to be told; a watcher gets its answers and then its notifications in
-// one write.
+// their users, and a turn gives slices to users (account.h). Handling a request only marks who has
+// to be told; a session gets its answers and then its notifications in one write.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -77,7 +75,6 @@ class Server final : private DirectoryClients {
 
     void refuse(UniqueFd connection, std::string text);
     void serve(Account &account);
-    void flush_some(Account &account);
     void end_overdue_drains();
     void tell_end_of_restart();
     void end_turn();

@@ -18,16 +18,11 @@ namespace ds::host {
 namespace {
 
 constexpr std::size_t read_bytes_max = 65'536; // at once
-constexpr int departures_at_once = 32;         // registrations and publications
+constexpr int departures_at_once = 8;          // registrations and publications
 constexpr long pid_limit = 4'194'304;          // the kernel's largest
 constexpr std::uint32_t watched_always = EPOLLIN | EPOLLRDHUP | EPOLLET;
 
-// What things take, in the unit of Shares.
-constexpr std::int64_t effort_of_request = 16;
-constexpr std::int64_t effort_of_read = 8;
-constexpr std::int64_t effort_of_write = 16;
-constexpr std::int64_t effort_of_departure = 64;
-constexpr std::int64_t bytes_per_effort = 128;
+constexpr std::int64_t bytes_per_request = 2'048; // of a round: so many count as one more
 
 // Shared by all sessions: what is not handled at once is copied by the session's reader.
 std::array<char, read_bytes_max> read_buffer;
@@ -140,7 +135,6 @@ std::string &Session::replies() {
 }
 
 void Session::mark(Registration &registration) {
-    server_.shares().spend(1);
     if (!is_reading()) return; // it departs
     if (!outbound_.mark(registration)) server_.counters().coalesced++;
     schedule();
@@ -160,9 +154,7 @@ void Session::schedule() {
 void Session::flush() {
     to_flush_.unlink();
     if (state_ == State::gone) return;
-    std::size_t bytes = 0;
-    const Outbound::Result result = outbound_.send(fd_.get(), server_.fresh_output(), bytes);
-    server_.shares().spend(effort_of_write + static_cast<std::int64_t>(bytes) / bytes_per_effort);
+    const Outbound::Result result = outbound_.send(fd_.get(), server_.fresh_output());
     count_unsent();
     if (result == Outbound::Result::broken) return gone();
     if (result == Outbound::Result::more) schedule();
@@ -218,14 +210,12 @@ void Session::depart() {
     if (client_ == nullptr || server_.is_stopping()) return;
     for (auto &[handle, registration] : registrations_)
         outbound_.unmark(*registration);
-    server_.shares().spend(effort_of_departure);
     go_on_departing();
 }
 
 // Registrations first, so that the client is not told of its own publications going.
 void Session::go_on_departing() {
     for (int i = 0; i < departures_at_once; i++) {
-        server_.shares().spend(effort_of_request);
         if (!registrations_.empty()) {
             Registration &registration = *registrations_.begin()->second;
             ds_client_reg_t *record = registration.record;
@@ -257,9 +247,10 @@ void Session::on_ready(std::uint32_t events) {
     if ((has_input_ || has_ended_) && !paused_.is_linked()) queue_to_serve();
 }
 
-void Session::queue_to_serve() {
+void Session::queue_to_serve(bool in_front) {
     if (to_serve_.is_linked() || (!is_reading() && client_ == nullptr)) return;
-    account_.to_serve.push_back(to_serve_);
+    account_.to_serve.insert(in_front ? account_.to_serve.begin() : account_.to_serve.end(),
+                             to_serve_);
     server_.shares().wake(account_);
 }
 
@@ -280,25 +271,24 @@ void Session::resume_if_taken() {
     queue_to_serve();
 }
 
-void Session::serve() {
+bool Session::serve() {
     to_serve_.unlink();
     if (!is_reading()) {
         if (client_ != nullptr && !server_.is_stopping()) go_on_departing();
-        return;
+        return true;
     }
+    bool is_done = false;
     reader_.supply({});
-    while (is_reading()) {
-        if (server_.shares().is_spent()) {
-            queue_to_serve();
-            break;
-        }
+    while (is_reading() && !is_done && account_.round_left > 0 && !server_.shares().is_over()) {
         if (has_to_wait()) {
             pause();
-            break;
+            is_done = true;
+        } else {
+            is_done = !handle_next() && !read();
         }
-        if (!handle_next() && !read()) break;
     }
     reader_.settle();
+    return is_done || !is_reading();
 }
 
 // False when no request is complete.
@@ -312,8 +302,7 @@ bool Session::handle_next() {
     else
         server_.requests().refuse_frame(*this);
     const std::size_t answered = outbound_.unsent_bytes() - unsent;
-    server_.shares().spend(effort_of_request +
-                           static_cast<std::int64_t>(answered) / bytes_per_effort);
+    account_.round_left -= 1 + static_cast<std::int64_t>(answered) / bytes_per_request;
     count_unsent();
     return true;
 }
@@ -324,7 +313,7 @@ bool Session::read() {
     if (!has_input_ && !has_ended_) return false;
     reader_.settle();
     const ssize_t bytes = recv(fd_.get(), read_buffer.data(), read_buffer.size(), MSG_DONTWAIT);
-    server_.shares().spend(effort_of_read + bytes / bytes_per_effort);
+    if (bytes > 0) account_.round_left -= bytes / bytes_per_request;
     has_input_ = bytes == static_cast<ssize_t>(read_buffer.size());
     if (bytes > 0) {
         reader_.supply({read_buffer.data(), static_cast<std::size_t>(bytes)});

@@ -91,7 +91,8 @@ class Session final : public Handler {
     // ---- the loop's side ----
 
     void on_ready(std::uint32_t events) override;
-    void serve(); // requests, or the departure, as far as the slice goes
+    bool serve(); // requests, or the departure, as far as the slice goes; false: there is more
+    void queue_to_serve(bool in_front = false);
     void resume_if_taken();
 
   private:
@@ -103,7 +104,6 @@ class Session final : public Handler {
     void pause();
     void depart();
     void go_on_departing();
-    void queue_to_serve();
     bool is_reading() const { return state_ == State::greeting || state_ == State::open; }
     void schedule();
     void count_unsent();

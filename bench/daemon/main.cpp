@@ -26,10 +26,9 @@ struct Scenario {
 };
 
 constexpr Scenario scenarios[] = {
-    {"round_trip", measure_round_trip},
-    {"pipelined", measure_pipelined},
-    {"fan_out", measure_fan_out},
-    {"memory", measure_memory},
+    {"round_trip", measure_round_trip}, {"pipelined", measure_pipelined},
+    {"fan_out", measure_fan_out},       {"memory", measure_memory},
+    {"fairness", measure_fairness},
 };
 
 // A thousand sessions need more descriptors than a shell allows by default, on both sides.
@@ -70,7 +69,7 @@ int main(int argc, char **argv) {
     app.add_option("--secs", options.seconds, "Seconds of one run")
         ->check(CLI::Range(0.01, 600.0))
         ->capture_default_str();
-    app.add_option("--only", only, "Only these: round_trip, pipelined, fan_out, memory")
+    app.add_option("--only", only, "Only these: round_trip, pipelined, fan_out, memory, fairness")
         ->delimiter(',')
         ->check(CLI::IsMember(names));
     app.add_option("--watchers", options.watchers, "Audiences of fan_out")

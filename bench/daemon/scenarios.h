@@ -24,6 +24,9 @@ void measure_fan_out(const Options &options, Figures &figures);
 // What a service and an idle session take.
 void measure_memory(const Options &options, Figures &figures);
 
+// The round trip of one user while another floods the daemon.
+void measure_fairness(const Options &options, Figures &figures);
+
 using Clock = std::chrono::steady_clock;
 inline double seconds_since(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();

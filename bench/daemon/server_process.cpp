@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -32,6 +33,7 @@ int checked(int result, const char *what) {
 std::filesystem::path make_directory() {
     std::string path = (std::filesystem::temp_directory_path() / "dsbench.XXXXXX").string();
     if (mkdtemp(path.data()) == nullptr) checked(-1, "mkdtemp");
+    checked(chmod(path.c_str(), 0755), "chmod"); // for clients of other users
     return path;
 }
 

@@ -46,9 +46,8 @@ class OutboundTest : public testing::Test {
     }
     Outbound::Result send() {
         Outbound::Result result = Outbound::Result::more;
-        std::size_t bytes = 0;
         while (result == Outbound::Result::more)
-            result = outbound.send(near.get(), output, bytes);
+            result = outbound.send(near.get(), output);
         output.snapshots.clear();
         return result;
     }

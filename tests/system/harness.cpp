@@ -145,19 +145,17 @@ Daemon::Daemon(const Options &options) : runtime_dir_(options.runtime_dir) {
     const std::string log = log_dir_.path() + "/stderr";
     const Descriptor err(open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
     if (err.get() < 0) fail("open");
-    Pipe out;
     Launch dsd;
     dsd.arguments = {dsd_program(), "--runtime-dir", runtime_dir_};
     dsd.arguments.insert(dsd.arguments.end(), options.arguments.begin(), options.arguments.end());
     dsd.environment = options.environment;
     dsd.environment.emplace_back(sanitizer_options);
     dsd.descriptors_max = options.descriptors_max;
-    dsd.out = out.writer.get();
+    dsd.out = out_.writer.get();
     dsd.err = err.get();
     process_.emplace(launch(dsd));
-    out.writer.reset();
-    std::string buffer;
-    const std::optional<std::string> line = read_line(out.reader.get(), buffer);
+    out_.writer.reset();
+    const std::optional<std::string> line = read_line(out_.reader.get(), out_buffer_);
     if (line != "dsd: ready on " + socket_)
         throw std::runtime_error("the daemon did not get ready: " + line.value_or("it ended") +
                                  "\n" + stderr_text());
@@ -191,6 +189,12 @@ void Daemon::kill() {
 
 std::string Daemon::stderr_text() const {
     return content_of(log_dir_.path() + "/stderr");
+}
+
+std::string Daemon::next_line() {
+    const std::optional<std::string> line = read_line(out_.reader.get(), out_buffer_);
+    if (!line) throw std::runtime_error("the daemon has ended\n" + stderr_text());
+    return *line;
 }
 
 std::size_t Daemon::memory_bytes() const {

@@ -205,6 +205,7 @@ class Daemon {
     // SIGKILL, as a crash of the machine would.
     void kill();
     std::string stderr_text() const;
+    std::string next_line(); // of its stdout, behind the one that says that it is ready
 
     // Memory that only this process has. The trace rings are mapped files and do not count.
     std::size_t memory_bytes() const;
@@ -215,6 +216,8 @@ class Daemon {
     std::string runtime_dir_;
     std::string socket_;
     TemporaryDirectory log_dir_;
+    Pipe out_;
+    std::string out_buffer_;
     std::optional<Process> process_;
 };
 
