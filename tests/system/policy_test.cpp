@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 
 #include "client.h"
@@ -89,13 +90,21 @@ TEST_F(Policy, the_command_line_is_above_the_file) {
         EXPECT_NE(printed.out.find(line), std::string::npos) << line << printed.out;
 }
 
-TEST_F(Policy, the_usual_file_is_read_when_it_is_there) {
-    if (geteuid() == 0) GTEST_SKIP() << "root's file is that of the machine";
+TEST_F(Policy, the_file_in_the_users_own_folder_is_read_when_it_is_there) {
+    const std::string folder = file() + ".d";
     Launch launch;
-    launch.arguments = {dsd_program(), "--check-config"};
-    launch.environment = {"XDG_CONFIG_HOME=/no/such/directory"};
+    if (geteuid() == 0)
+        launch.arguments = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
+    launch.arguments.insert(launch.arguments.end(), {dsd_program(), "--check-config"});
+    launch.environment = {"XDG_CONFIG_HOME=" + folder};
 
-    EXPECT_EQ(run(launch).out, "there is no configuration file; the defaults hold\n");
+    const Finished without = run(launch);
+    std::filesystem::create_directories(folder + "/ds");
+    std::ofstream(folder + "/ds/ds.toml") << "[limits]\nsessions = 1\n";
+    const Finished with = run(launch);
+
+    EXPECT_EQ(without.out, "there is no configuration file; the defaults hold\n");
+    EXPECT_EQ(with.out, folder + "/ds/ds.toml: ok\n") << with.err;
 }
 
 TEST_F(Policy, the_socket_has_the_permissions_of_the_file) {
@@ -152,17 +161,19 @@ TEST_F(Policy, a_rule_for_a_group_fits_members_by_supplementary_groups) {
     configure("[[rule]]\ngroup = [54321]\nnames = \"g\"\ndecision = \"deny\"\n");
     Daemon daemon(with_file());
     const std::string socket = daemon.socket();
-    const auto publish_as = [&socket](const char *groups) {
+    const auto show_as = [&socket](const char *groups) {
         return run({{"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", groups, dsctl_program(),
-                     "--socket", socket, "publish", "g", "10.0.0.1:1", "--exec", "/bin/true"},
+                     "--socket", socket, "show", "g"},
                     {}});
     };
 
-    const Finished member = publish_as("--groups=54321,54322");
+    const Finished member = show_as("--groups=54320,54321");
+    const Finished stranger = show_as("--groups=54320,54322");
 
     EXPECT_EQ(member.exit, (Exit{6, 0})) << member.err;
     EXPECT_NE(member.err.find("The rule (" + file() + ":1) does not let user"), std::string::npos)
         << member.err;
+    EXPECT_EQ(stranger.exit, (Exit{3, 0})) << stranger.err;
 }
 
 TEST_F(Policy, a_rule_for_one_user_leaves_others_alone) {
