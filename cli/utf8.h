@@ -1,19 +1,11 @@
-// Reading UTF-8 that somebody else wrote.
+// Reading UTF-8 that somebody else wrote: the client library's own.
 #pragma once
-#include <cstddef>
-#include <string_view>
+#include "client/utf8.h"
 
 namespace ds::cli {
 
-struct CodePoint {
-    char32_t value = 0;
-    std::size_t bytes = 0; // 0: no well-formed sequence starts there
-};
-
-// The code point at the start of `text`, which is not empty. Overlong forms, surrogates and values
-// behind U+10FFFF are not well-formed.
-CodePoint first_code_point(std::string_view text);
-
-bool is_utf8(std::string_view text);
+using client::CodePoint;
+using client::first_code_point;
+using client::is_utf8;
 
 } // namespace ds::cli

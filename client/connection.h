@@ -1,4 +1,5 @@
-// One client connection to the daemon, with blocking calls that take a deadline.
+// One client connection to the daemon, with blocking calls that take a deadline, for tests and
+// measurements that need the protocol itself. Programs use the client library, ds_client.h.
 //
 // A connection gathers requests in a send buffer and writes them together: send() only encodes,
 // flush() and every function that waits for something write what has been gathered. A read takes
@@ -9,50 +10,19 @@
 // `protocol` the stream is lost: close() and connect() again. After `timeout` and `refused` it
 // stays usable.
 #pragma once
-#include <chrono>
-#include <cstdint>
 #include <deque>
 #include <string>
 #include <string_view>
 
-#include "ds.pb.h"
+#include "client/stream.h"
 
 namespace ds::client {
-
-// When to stop waiting. `no_deadline` waits for as long as it takes; a moment in the past only
-// takes what is there already.
-using Deadline = std::chrono::steady_clock::time_point;
-inline constexpr Deadline no_deadline = Deadline::max();
-inline constexpr Deadline no_wait = Deadline::min();
-inline Deadline deadline_in(std::chrono::milliseconds wait) {
-    return std::chrono::steady_clock::now() + wait;
-}
-
-enum class Failure {
-    none,
-    unreachable, // nobody listens there
-    timeout,     // the deadline came first
-    closed,      // the daemon ended the connection
-    protocol,    // the peer does not speak this protocol, or refused to go on with it
-    refused      // the daemon answered with a status other than OK
-};
-
-// How an operation ended. `text` is one sentence for a person, empty on success; `status` is
-// meaningful for `refused` and for a `protocol` failure that the daemon reported.
-struct [[nodiscard]] Outcome {
-    Failure failure = Failure::none;
-    v1::Status status = v1::STATUS_OK;
-    std::string text;
-
-    bool ok() const { return failure == Failure::none; }
-};
 
 class Connection {
   public:
     Connection() = default;
-    ~Connection() { close(); }
-    Connection(Connection &&other) noexcept;
-    Connection &operator=(Connection &&other) noexcept;
+    Connection(Connection &&other) noexcept = default;
+    Connection &operator=(Connection &&other) noexcept = default;
     Connection(const Connection &) = delete;
     Connection &operator=(const Connection &) = delete;
 
@@ -64,11 +34,11 @@ class Connection {
     // requests are lost.
     void close();
 
-    bool is_open() const { return fd_ >= 0; }
+    bool is_open() const { return stream_.is_open(); }
     // What to poll for reading; -1 while closed. Before polling, drain with receive() until it
     // times out: events that were read along with others wait in memory and do not make the
     // descriptor readable.
-    int fd() const { return fd_; }
+    int fd() const { return stream_.fd(); }
     // The daemon's answer to the greeting; empty before connect().
     const v1::HelloReply &hello() const { return hello_; }
 
@@ -88,23 +58,14 @@ class Connection {
     Outcome call(v1::Request &request, v1::Reply &reply, Deadline deadline);
 
     // Requests gathered and not written yet, in bytes with their headers.
-    std::size_t unsent_bytes() const { return out_.size() - out_start_; }
+    std::size_t unsent_bytes() const { return stream_.unsent_bytes(); }
 
   private:
-    Outcome open_socket(const std::string &path, Deadline deadline);
     Outcome greet(std::string_view display_name, Deadline deadline);
     Outcome next_from_stream(v1::Event &event, Deadline deadline);
     Outcome await_readable(Deadline deadline);
-    Outcome fill();
-    bool take_frame(std::string_view &message, Outcome &outcome);
 
-    int fd_ = -1;
-    std::uint32_t next_seq_ = 1;
-    std::string out_;
-    std::size_t out_start_ = 0; // bytes of out_ that have been written
-    std::string in_; // its size is the room, in_start_ .. in_end_ is what was read and not parsed
-    std::size_t in_start_ = 0;
-    std::size_t in_end_ = 0;
+    Stream stream_;
     std::deque<v1::Event> kept_; // arrived while call() waited for its reply
     v1::HelloReply hello_;
 };

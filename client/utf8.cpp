@@ -1,6 +1,6 @@
-#include "cli/utf8.h"
+#include "client/utf8.h"
 
-namespace ds::cli {
+namespace ds::client {
 namespace {
 
 struct Lead {
@@ -42,4 +42,4 @@ bool is_utf8(std::string_view text) {
     return true;
 }
 
-} // namespace ds::cli
+} // namespace ds::client
