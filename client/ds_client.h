@@ -19,7 +19,7 @@
  * fork().     A child must not use a handle of its parent; exec() closes the descriptors.
  * Structures. Each begins with `size`. Before a structure is given to the library, set `size` to
  *             its sizeof and everything else that is not used to zero:
- *                 ds_client_options_t options = {0};
+ *                 ds_client_options_t options = {0};       (in C++: = {})
  *                 options.size = sizeof options;
  *             The library takes fields that the caller does not have as zero, and it refuses a
  *             longer structure that uses fields which the library does not have. Structures that

@@ -24,6 +24,7 @@ host
 relay
 client
 cli
+examples
 sim
 tests
 bench
@@ -103,7 +104,7 @@ check_folders() {
   allowed="^($(paste -sd '|' <<<"$folders"))/"
   for file in "${cpp[@]}"; do
     [[ $file =~ $allowed ]] || report "$file" 1 'not in a folder for sources'
-    is_guest "$file" || [[ $file == *.@(cpp|h) || $file == tests/shared_library/*.c ]] || report "$file" 1 'sources are named .cpp and .h'
+    is_guest "$file" || [[ $file == *.@(cpp|h) || $file == @(tests/shared_library|examples)/*.c ]] || report "$file" 1 'sources are named .cpp and .h'
   done
 }
 
