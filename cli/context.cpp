@@ -89,16 +89,28 @@ int fail(std::string_view what, const client::Outcome &outcome) {
     return exit_of(outcome);
 }
 
-int connect(const Context &context, client::Connection &connection) {
-    const std::string path = context.socket_path();
-    const client::Outcome outcome =
-        connection.connect(path, "dsctl", client::deadline_in(answer_time));
+namespace {
+
+int tell_connection(const std::string &path, const client::Outcome &outcome) {
     if (outcome.ok()) return exit_ok;
     const int code = fail("cannot reach the daemon at " + path, outcome);
     if (outcome.failure == client::Failure::unreachable) {
         complain("is dsd running? --socket PATH or DS_SOCKET name another socket");
     }
     return code;
+}
+
+} // namespace
+
+int connect(const Context &context, Daemon &daemon) {
+    const std::string path = context.socket_path();
+    return tell_connection(path, daemon.connect(path, client::deadline_in(answer_time)));
+}
+
+int connect(const Context &context, client::Connection &connection) {
+    const std::string path = context.socket_path();
+    return tell_connection(path,
+                           connection.connect(path, "dsctl", client::deadline_in(answer_time)));
 }
 
 std::string check_name(const std::string &name) {

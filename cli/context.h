@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "cli/daemon.h"
 #include "client/connection.h"
 
 namespace CLI {
@@ -55,6 +56,8 @@ int fail(std::string_view what, const client::Outcome &outcome);
 
 // Connects; on failure complains, with a hint where the daemon was looked for, and returns the exit
 // code.
+int connect(const Context &context, Daemon &daemon);
+// The same for a verb that speaks the protocol itself.
 int connect(const Context &context, client::Connection &connection);
 
 // Empty when `name` may be the name of a service, else what is wrong with it: 1 to 255 bytes of

@@ -4,15 +4,14 @@
 
 namespace ds::cli {
 
-client::Outcome list_names(client::Connection &connection, const std::string &name,
-                           const SnapshotTaker &take) {
+client::Outcome list_names(Daemon &daemon, const std::string &name, const SnapshotTaker &take) {
     std::string after;
     for (;;) {
         v1::Request request;
         request.mutable_list()->set_name(name);
         request.mutable_list()->set_after(after);
         v1::Reply reply;
-        client::Outcome outcome = connection.call(request, reply, client::deadline_in(answer_time));
+        client::Outcome outcome = daemon.call(request, reply, client::deadline_in(answer_time));
         if (!outcome.ok()) return outcome;
         for (const v1::Snapshot &snapshot : reply.list().names())
             take(snapshot);

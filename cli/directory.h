@@ -3,7 +3,7 @@
 #include <functional>
 #include <string>
 
-#include "client/connection.h"
+#include "cli/daemon.h"
 
 namespace ds::cli {
 
@@ -12,8 +12,7 @@ using SnapshotTaker = std::function<void(const v1::Snapshot &)>;
 // Hands every name of the directory to `take`, in the daemon's order, page by page. A name of its
 // own is asked for with `name`; empty asks for all. Each page has to come within the time that one
 // answer may take.
-client::Outcome list_names(client::Connection &connection, const std::string &name,
-                           const SnapshotTaker &take);
+client::Outcome list_names(Daemon &daemon, const std::string &name, const SnapshotTaker &take);
 
 // Tells on stderr that instances may be missing because a restart period is open.
 void note_reconciling();

@@ -1,24 +1,11 @@
 #include "cli/wait.h"
 
-#include <algorithm>
-#include <climits>
+#include <iterator>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
 namespace ds::cli {
-namespace {
-
-int left_ms(client::Deadline deadline) {
-    if (deadline == client::no_deadline) return -1;
-    const client::Deadline now = std::chrono::steady_clock::now();
-    if (deadline <= now) return 0;
-    const auto ms = std::chrono::ceil<std::chrono::milliseconds>(deadline - now).count();
-    return static_cast<int>(std::min<long long>(ms, INT_MAX));
-}
-
-} // namespace
-
 StopSignals::StopSignals() {
     sigset_t signals;
     sigemptyset(&signals);
@@ -41,10 +28,10 @@ StopSignals::~StopSignals() {
     ::sigprocmask(SIG_SETMASK, &before_, nullptr);
 }
 
-Wake wait_for(const client::Connection &connection, const StopSignals &stop, int input_fd,
+Wake wait_for(const Daemon &daemon, const StopSignals &stop, int input_fd,
               client::Deadline deadline) {
-    pollfd items[] = {{connection.fd(), POLLIN, 0}, {stop.fd(), POLLIN, 0}, {input_fd, POLLIN, 0}};
-    const int ready = ::poll(items, std::size(items), left_ms(deadline));
+    pollfd items[] = {{daemon.fd(), POLLIN, 0}, {stop.fd(), POLLIN, 0}, {input_fd, POLLIN, 0}};
+    const int ready = ::poll(items, std::size(items), client::left_ms(deadline));
     Wake wake;
     wake.timeout = ready == 0;
     if (ready <= 0) return wake;

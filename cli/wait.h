@@ -2,7 +2,7 @@
 #pragma once
 #include <csignal>
 
-#include "client/connection.h"
+#include "cli/daemon.h"
 
 namespace ds::cli {
 
@@ -32,7 +32,7 @@ struct Wake {
 };
 
 // input_fd: -1 for none. Reports everything that is ready; `timeout` only when nothing is.
-Wake wait_for(const client::Connection &connection, const StopSignals &stop, int input_fd,
+Wake wait_for(const Daemon &daemon, const StopSignals &stop, int input_fd,
               client::Deadline deadline);
 
 } // namespace ds::cli

@@ -69,10 +69,10 @@ void add_name(Found &found, const v1::Snapshot &snapshot, const Context &context
 }
 
 int list(const Context &context, const std::string &pattern) {
-    client::Connection connection;
-    if (const int code = connect(context, connection); code != exit_ok) return code;
+    Daemon daemon;
+    if (const int code = connect(context, daemon); code != exit_ok) return code;
     Found found{Json::array(), make_table(context.is_wide())};
-    const client::Outcome outcome = list_names(connection, "", [&](const v1::Snapshot &snapshot) {
+    const client::Outcome outcome = list_names(daemon, "", [&](const v1::Snapshot &snapshot) {
         const bool wanted =
             pattern.empty() || ::fnmatch(pattern.c_str(), snapshot.name().c_str(), 0) == 0;
         if (wanted) add_name(found, snapshot, context);

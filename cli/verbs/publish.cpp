@@ -46,82 +46,104 @@ class Publisher {
     int run();
 
   private:
-    client::Outcome publish(const char *event);
+    client::Outcome begin();
+    client::Outcome await_answer();
+    client::Outcome outcome_of(int error) const;
     int keep(const StopSignals &stop);
     int withdraw();
-    bool handle_events(int &code);
+    bool is_over(const client::Outcome &outcome, int &code) const;
     void read_input();
     void update(std::string_view line);
     void report(const char *event) const;
+    ds_client_service_t service() const;
+    ds_publication_info_t info() const;
     std::string subject() const { return full_name(publish_.name(), publish_.instance()); }
 
     const Context &context_;
     v1::Publish publish_;
-    client::Connection connection_;
+    Daemon daemon_;
+    ds_publication_t *publication_ = nullptr; // of daemon_
     int input_fd_;
     std::string pending_; // input without its end of line yet
-    std::uint32_t id_ = 0;
-    std::uint32_t generation_ = 0;
 };
 
 int Publisher::run() {
     const StopSignals stop; // before the publication: from then on a signal has to withdraw it
-    if (const int code = connect(context_, connection_); code != exit_ok) return code;
-    const client::Outcome outcome = publish("published");
+    if (const int code = connect(context_, daemon_); code != exit_ok) return code;
+    const client::Outcome outcome = begin();
     if (!outcome.ok()) return fail("cannot publish " + subject(), outcome);
+    report("published");
     return keep(stop);
 }
 
-client::Outcome Publisher::publish(const char *event) {
-    v1::Request request;
-    *request.mutable_publish() = publish_;
-    v1::Reply reply;
-    client::Outcome outcome = connection_.call(request, reply, client::deadline_in(answer_time));
-    if (!outcome.ok()) return outcome;
-    id_ = reply.service_id();
-    generation_ = reply.generation();
-    report(event);
-    return outcome;
+ds_client_service_t Publisher::service() const {
+    ds_client_service_t service{};
+    service.size = sizeof service;
+    service.name = publish_.name().c_str();
+    service.instance = publish_.instance().c_str();
+    service.scope = static_cast<std::uint32_t>(publish_.scope());
+    service.ha_role = static_cast<std::uint32_t>(publish_.ha_role());
+    service.issu_role = static_cast<std::uint32_t>(publish_.issu_role());
+    service.issu_id = publish_.issu_id();
+    service.ipv4_address = publish_.endpoint().ipv4().address();
+    service.ipv4_port = publish_.endpoint().ipv4().port();
+    if (publish_.endpoint().has_path()) service.path = publish_.endpoint().path().c_str();
+    return service;
+}
+
+ds_publication_info_t Publisher::info() const {
+    ds_publication_info_t info{};
+    info.size = sizeof info;
+    ds_client_publication_get_info(publication_, &info);
+    return info;
+}
+
+client::Outcome Publisher::begin() {
+    const ds_client_service_t wanted = service();
+    const int error = ds_client_publish(daemon_.get(), &wanted, nullptr, nullptr, &publication_);
+    return error == DS_CLIENT_OK ? await_answer() : daemon_.outcome_of(error);
+}
+
+client::Outcome Publisher::await_answer() {
+    int error = DS_CLIENT_ERROR_INTERRUPTED;
+    while (error == DS_CLIENT_ERROR_INTERRUPTED) {
+        error = ds_client_publication_wait(publication_, static_cast<int>(answer_time.count()));
+    }
+    return outcome_of(error);
+}
+
+client::Outcome Publisher::outcome_of(int error) const {
+    if (error != DS_CLIENT_ERROR_REFUSED) return daemon_.outcome_of(error);
+    const ds_publication_info_t refused = info();
+    return {client::Failure::refused, static_cast<v1::Status>(refused.status), refused.text};
 }
 
 int Publisher::keep(const StopSignals &stop) {
     for (;;) {
-        // Events may have come along with a reply; the descriptor does not tell of those.
         int code = exit_ok;
-        if (!handle_events(code)) return code;
-        const Wake wake = wait_for(connection_, stop, input_fd_, client::no_deadline);
+        if (is_over(daemon_.dispatch(), code)) return code;
+        const Wake wake = wait_for(daemon_, stop, input_fd_, client::no_deadline);
         if (wake.stop) return withdraw();
         if (wake.input) read_input();
     }
 }
 
-// False when the publication has come to its end; `code` is then the program's.
-bool Publisher::handle_events(int &code) {
-    v1::Event event;
-    for (;;) {
-        const client::Outcome outcome = connection_.receive(event, client::no_wait);
-        if (outcome.failure == client::Failure::timeout) return true;
-        if (!outcome.ok()) {
-            code = fail(subject() + " is no longer published", outcome);
-            return false;
-        }
-        if (!event.has_withdrawn() || event.withdrawn().service_id() != id_) continue;
-        complain(subject() + " was withdrawn by process " +
-                 std::to_string(event.withdrawn().by_pid()) + " of user " +
-                 std::to_string(event.withdrawn().by_uid()));
+// True when the publication has come to its end; `code` is then the program's.
+bool Publisher::is_over(const client::Outcome &outcome, int &code) const {
+    const ds_publication_info_t now = info();
+    if (now.by_other != 0) {
+        complain(subject() + " was withdrawn by process " + std::to_string(now.by_pid) +
+                 " of user " + std::to_string(now.by_uid));
         code = exit_failure;
-        return false;
+        return true;
     }
+    if (!outcome.ok()) code = fail(subject() + " is no longer published", outcome);
+    return !outcome.ok();
 }
 
 int Publisher::withdraw() {
-    v1::Request request;
-    request.mutable_withdraw()->set_name(publish_.name());
-    request.mutable_withdraw()->set_instance(publish_.instance());
-    request.mutable_withdraw()->set_scope(publish_.scope());
-    v1::Reply reply;
-    const client::Outcome outcome =
-        connection_.call(request, reply, client::deadline_in(answer_time));
+    ds_client_publication_withdraw(publication_);
+    const client::Outcome outcome = await_answer();
     if (!outcome.ok()) return fail("cannot withdraw " + subject(), outcome);
     report("withdrawn");
     return exit_ok;
@@ -163,13 +185,17 @@ void Publisher::update(std::string_view line) {
     }
     const v1::Endpoint before = publish_.endpoint();
     *publish_.mutable_endpoint() = endpoint;
-    const client::Outcome outcome = publish("changed");
-    if (outcome.ok()) return;
+    const ds_client_service_t wanted = service();
+    const int error = ds_client_publication_update(publication_, &wanted);
+    const client::Outcome outcome =
+        error == DS_CLIENT_OK ? await_answer() : daemon_.outcome_of(error);
+    if (outcome.ok()) return report("changed");
     *publish_.mutable_endpoint() = before;
     fail(subject() + " stays as it is", outcome);
 }
 
 void Publisher::report(const char *event) const {
+    const ds_publication_info_t now = info();
     if (context_.is_json()) {
         Json json;
         json["event"] = event;
@@ -177,13 +203,13 @@ void Publisher::report(const char *event) const {
         json["instance"] = publish_.instance();
         json["scope"] = scope_text(publish_.scope());
         json["endpoint"] = endpoint_text(publish_.endpoint());
-        json["id"] = id_;
-        json["generation"] = generation_;
+        json["id"] = now.service_id;
+        json["generation"] = now.generation;
         print(json_line(json));
         return;
     }
     print(std::string(event) + ' ' + subject() + " scope " + scope_text(publish_.scope()) + " id " +
-          id_text(id_) + " generation " + std::to_string(generation_) + '\n');
+          id_text(now.service_id) + " generation " + std::to_string(now.generation) + '\n');
 }
 
 std::string check_endpoint(const std::string &text) {

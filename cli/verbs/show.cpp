@@ -52,11 +52,11 @@ std::string snapshot_text(const v1::Snapshot &snapshot, bool color) {
 }
 
 int show(const Context &context, const std::string &name) {
-    client::Connection connection;
-    if (const int code = connect(context, connection); code != exit_ok) return code;
+    Daemon daemon;
+    if (const int code = connect(context, daemon); code != exit_ok) return code;
     v1::Snapshot found;
     const client::Outcome outcome =
-        list_names(connection, name, [&](const v1::Snapshot &snapshot) { found = snapshot; });
+        list_names(daemon, name, [&](const v1::Snapshot &snapshot) { found = snapshot; });
     const bool unknown = outcome.status == v1::STATUS_NOT_FOUND;
     if (!outcome.ok() && !unknown) return fail("cannot show '" + name + "'", outcome);
     if (found.instances_size() == 0) {

@@ -49,13 +49,12 @@ std::string status_text(const v1::StatusReply &status, bool color) {
 }
 
 int status(const Context &context) {
-    client::Connection connection;
-    if (const int code = connect(context, connection); code != exit_ok) return code;
+    Daemon daemon;
+    if (const int code = connect(context, daemon); code != exit_ok) return code;
     v1::Request request;
     request.mutable_status();
     v1::Reply reply;
-    const client::Outcome outcome =
-        connection.call(request, reply, client::deadline_in(answer_time));
+    const client::Outcome outcome = daemon.call(request, reply, client::deadline_in(answer_time));
     if (!outcome.ok()) return fail("cannot ask for the status", outcome);
     if (context.format == Format::json) {
         print(json_document(status_json(reply.status_info())));

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <fcntl.h>
 #include <memory>
 #include <spawn.h>
@@ -102,8 +103,18 @@ class Watcher {
     int run();
 
   private:
+    // What the library calls back with; it is not to be called from there, nor to see exceptions.
+    struct Registration {
+        Watcher *watcher;
+        std::size_t index;
+    };
+    static void on_snapshot(void *ctx, ds_registration_t *,
+                            const ds_client_snapshot_t *snapshot) noexcept;
+    static void on_answer(void *ctx, ds_registration_t *,
+                          const ds_registration_info_t *info) noexcept;
+
     int register_names();
-    bool handle_event(const v1::Event &event, int &code);
+    bool take_told();
     void take(std::size_t index, const v1::Snapshot &snapshot);
     void show_first(const v1::Snapshot &snapshot);
     bool handle_changes(const v1::Snapshot &snapshot, const std::vector<Change> &changes);
@@ -115,7 +126,10 @@ class Watcher {
     const Options &options_;
     ChangeLines lines_;
     StopSignals stop_;
-    client::Connection connection_;
+    std::vector<Registration> registrations_;
+    std::deque<std::pair<std::size_t, v1::Snapshot>> told_now_; // by the library, not taken yet
+    client::Outcome refusal_;
+    Daemon daemon_;
     std::vector<v1::Snapshot> snapshots_; // the newest of each name
     std::vector<bool> told_;
     std::uint64_t changes_ = 0;
@@ -128,20 +142,15 @@ int Watcher::run() {
         deadline = client::deadline_in(
             std::chrono::milliseconds(static_cast<std::int64_t>(options_.timeout_s * 1000)));
     }
-    if (const int code = connect(context_, connection_); code != exit_ok) return code;
+    if (const int code = connect(context_, daemon_); code != exit_ok) return code;
     if (!options_.once || !context_.is_json()) print(lines_.header());
     if (const int code = register_names(); code != exit_ok) return code;
-    v1::Event event;
     for (;;) {
-        const client::Outcome outcome = connection_.receive(event, client::no_wait);
-        int code = exit_ok;
-        if (outcome.ok()) {
-            if (!handle_event(event, code)) return code;
-            if (is_done()) return result();
-            continue;
-        }
-        if (outcome.failure != client::Failure::timeout) return fail("watching ended", outcome);
-        const Wake wake = wait_for(connection_, stop_, -1, deadline);
+        const client::Outcome outcome = daemon_.dispatch();
+        if (take_told()) return result();
+        if (!refusal_.ok()) return fail("cannot watch", refusal_);
+        if (!outcome.ok()) return fail("watching ended", outcome);
+        const Wake wake = wait_for(daemon_, stop_, -1, deadline);
         if (wake.stop) return exit_ok;
         if (wake.timeout) {
             complain("the time is over");
@@ -150,28 +159,39 @@ int Watcher::run() {
     }
 }
 
-int Watcher::register_names() {
-    for (std::size_t i = 0; i < options_.names.size(); i++) {
-        v1::Request request;
-        request.mutable_register_()->set_name(options_.names[i]);
-        request.mutable_register_()->set_cookie(i);
-        connection_.send(request);
-    }
-    const client::Outcome outcome = connection_.flush(client::deadline_in(answer_time));
-    return outcome.ok() ? exit_ok : fail("cannot watch", outcome);
+void Watcher::on_snapshot(void *ctx, ds_registration_t *,
+                          const ds_client_snapshot_t *snapshot) noexcept {
+    const auto &registration = *static_cast<Registration *>(ctx);
+    registration.watcher->told_now_.emplace_back(registration.index, to_message(*snapshot));
 }
 
-// False when watching has to end; `code` is then the program's.
-bool Watcher::handle_event(const v1::Event &event, int &code) {
-    if (event.has_reply() && event.reply().status() != v1::STATUS_OK) {
-        code = fail("cannot watch",
-                    {client::Failure::refused, event.reply().status(), event.reply().text()});
-        return false;
+void Watcher::on_answer(void *ctx, ds_registration_t *,
+                        const ds_registration_info_t *info) noexcept {
+    if (info->state != DS_REGISTRATION_REFUSED) return;
+    static_cast<Registration *>(ctx)->watcher->refusal_ = {
+        client::Failure::refused, static_cast<v1::Status>(info->status), info->text};
+}
+
+int Watcher::register_names() {
+    registrations_.reserve(options_.names.size()); // they are given away by address
+    for (std::size_t i = 0; i < options_.names.size(); i++) {
+        registrations_.push_back({this, i});
+        const int error = ds_client_watch(daemon_.get(), options_.names[i].c_str(), on_snapshot,
+                                          on_answer, &registrations_.back(), nullptr);
+        if (error != DS_CLIENT_OK) return fail("cannot watch", daemon_.outcome_of(error));
     }
-    if (!event.has_notification()) return true;
-    const std::uint64_t index = event.notification().cookie();
-    if (index < snapshots_.size()) take(index, event.notification().snapshot());
-    return true;
+    return exit_ok;
+}
+
+// True when there is nothing more to watch for.
+bool Watcher::take_told() {
+    while (!told_now_.empty()) {
+        const auto [index, snapshot] = std::move(told_now_.front());
+        told_now_.pop_front();
+        take(index, snapshot);
+        if (is_done()) return true;
+    }
+    return false;
 }
 
 void Watcher::take(std::size_t index, const v1::Snapshot &snapshot) {

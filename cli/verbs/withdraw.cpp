@@ -41,14 +41,13 @@ struct Found {
     v1::Instance instance;
 };
 
-int take_back(const Context &context, client::Connection &connection, const Found &found) {
+int take_back(const Context &context, Daemon &daemon, const Found &found) {
     const v1::Instance &target = found.instance;
     v1::Request request;
     request.mutable_withdraw()->set_name(found.name);
     request.mutable_withdraw()->set_service_id(target.service_id());
     v1::Reply reply;
-    const client::Outcome outcome =
-        connection.call(request, reply, client::deadline_in(answer_time));
+    const client::Outcome outcome = daemon.call(request, reply, client::deadline_in(answer_time));
     const std::string id = id_text(target.service_id());
     const std::string subject = full_name(found.name, target.instance());
     if (!outcome.ok()) return fail("cannot withdraw " + subject, outcome);
@@ -77,12 +76,12 @@ int complain_about_many(const std::vector<Found> &found) {
 }
 
 int withdraw(const Context &context, const Wish &wish) {
-    client::Connection connection;
-    if (const int code = connect(context, connection); code != exit_ok) return code;
+    Daemon daemon;
+    if (const int code = connect(context, daemon); code != exit_ok) return code;
     // An id is looked for in the listing, since a withdrawal needs the name as well.
     std::vector<Found> found;
     const client::Outcome outcome =
-        list_names(connection, wish.name, [&](const v1::Snapshot &snapshot) {
+        list_names(daemon, wish.name, [&](const v1::Snapshot &snapshot) {
             for (const v1::Instance &instance : snapshot.instances()) {
                 if (matches(wish, instance)) found.push_back({snapshot.name(), instance});
             }
@@ -96,7 +95,7 @@ int withdraw(const Context &context, const Wish &wish) {
         return exit_not_found;
     }
     if (found.size() > 1) return complain_about_many(found);
-    return take_back(context, connection, found.front());
+    return take_back(context, daemon, found.front());
 }
 
 } // namespace
