@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <tuple>
 
-#include "host/loop.h"
 #include "host/users.h"
+#include "platform/fts.h"
 
 namespace ds::host {
 
@@ -64,7 +64,7 @@ std::string Accounts::refusal_of_sessions(Account &account, std::uint64_t sessio
 // ---- Shares ----
 
 std::int64_t Shares::now_ns() {
-    return static_cast<std::int64_t>(Loop::monotonic_ns());
+    return static_cast<std::int64_t>(fts_get_stamp_fast());
 }
 
 void Shares::wake(Account &account) {

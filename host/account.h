@@ -62,6 +62,7 @@ class Accounts {
 
     Account &of(uid_t uid);         // made at the first call
     void release(Account &account); // forgets it when it has no session
+    std::size_t count() const { return accounts_.size(); }
 
     // Empty when there is room for one more, else a sentence with the limit, the usage and the key.
     std::string refusal(Account &account, Resource resource) const;
@@ -83,6 +84,7 @@ class Accounts {
 class Shares {
   public:
     static constexpr std::int64_t slice_ns = 5'000;
+    static constexpr std::int64_t slice_alone_ns = 50'000; // of the only user who has sessions
     static constexpr std::int64_t requests_per_round = 32;
 
     void wake(Account &account); // it has work
@@ -90,7 +92,8 @@ class Shares {
     bool has_work() const { return !fresh_.empty() || !backlogged_.empty(); }
 
     // One turn: calls serve(account) for those who get a slice.
-    template <typename Function> void run(Function serve) {
+    template <typename Function> void run(bool is_alone, Function serve) {
+        length_ns_ = is_alone ? slice_alone_ns : slice_ns;
         AccountQueue fresh;
         fresh.swap(fresh_);
         Account *next = next_in_line();
@@ -108,7 +111,7 @@ class Shares {
     Account *next_in_line();
     template <typename Function> void run_slice(Account &account, Function serve) {
         account.unlink();
-        slice_end_ns_ = now_ns() + slice_ns;
+        slice_end_ns_ = now_ns() + length_ns_;
         serve(account);
         settle(account);
     }
@@ -116,6 +119,7 @@ class Shares {
 
     AccountQueue fresh_;      // work has come up since they had a slice
     AccountQueue backlogged_; // their slice was not enough, longest waiting first
+    std::int64_t length_ns_ = slice_ns;
     std::int64_t slice_end_ns_ = 0;
 };
 

@@ -90,6 +90,36 @@ TEST(Server, a_departure_is_told_and_leaves_nothing_behind) {
     EXPECT_EQ(shared_server().directory().find("server.departure.watched"), nullptr);
 }
 
+TEST(Server, a_client_that_has_much_departs_bit_by_bit_and_leaves_nothing) {
+    constexpr int count = 100;
+    Client watcher;
+    watcher.hello();
+    watcher.call(register_request("server.much.99"));
+    watcher.receive();
+    Account *account = nullptr;
+    {
+        Client publisher;
+        publisher.hello();
+        shared_server().sessions().for_each([&](Session &one) { account = &one.account(); });
+        for (int i = 0; i < count; i++) {
+            publisher.call(publish_request("server.much." + std::to_string(i)));
+            publisher.call(register_request("server.watched." + std::to_string(i)));
+        }
+        EXPECT_EQ(watcher.receive().notification().snapshot().instances_size(), 1);
+        EXPECT_EQ(account->used[Resource::publications], 100u);
+        EXPECT_EQ(account->used[Resource::registrations], 101u);
+    }
+
+    const v1::Event event = watcher.receive();
+
+    EXPECT_EQ(event.notification().snapshot().instances_size(), 0);
+    EXPECT_EQ(shared_server().directory().totals().services, 0u);
+    EXPECT_EQ(shared_server().directory().totals().registrations, 1u);
+    EXPECT_EQ(account->used[Resource::publications], 0u);
+    EXPECT_EQ(account->used[Resource::registrations], 1u);
+    EXPECT_EQ(account->used[Resource::sessions], 1u);
+}
+
 TEST(Server, unregistering_removes_a_name_that_nobody_uses) {
     Client client;
     client.hello();
