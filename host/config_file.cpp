@@ -8,9 +8,15 @@
 #include <sstream>
 
 #define TOML_HEADER_ONLY       1
-#define TOML_EXCEPTIONS        0
+#define TOML_EXCEPTIONS        1
 #define TOML_ENABLE_FORMATTERS 0
+// A table header that does not begin with a key fails an assertion of the parser, or is taken for
+// impossible by an optimised build, before the parser's own check of it is reached.
+#define TOML_ASSERT(condition) static_assert(true)
+#pragma push_macro("NDEBUG")
+#undef NDEBUG
 #include <toml++/toml.h>
+#pragma pop_macro("NDEBUG")
 
 #include "host/config_keys.h"
 #include "host/nearest.h"
@@ -30,10 +36,12 @@ constexpr const char *user_table = "user"; // in [limits]
 
 using Names = std::vector<std::string>;
 
+bool is_control_character(char byte) {
+    return static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f;
+}
+
 bool has_control_character(std::string_view text) {
-    return std::any_of(text.begin(), text.end(), [](char byte) {
-        return static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f;
-    });
+    return std::any_of(text.begin(), text.end(), is_control_character);
 }
 
 Names key_names(std::string_view section) {
@@ -57,8 +65,9 @@ class Reader {
     Reader(std::string file, const UserDatabase &users) : file_(std::move(file)), users_(users) {}
 
     void read(const toml::table &document);
-    void complain(const toml::source_region &where, const std::string &text) {
-        faults_.push_back({where.begin.line, where.begin.column, text});
+    void complain(const toml::source_region &where, std::string text) {
+        std::replace_if(text.begin(), text.end(), is_control_character, '?');
+        faults_.push_back({where.begin.line, where.begin.column, std::move(text)});
     }
     Config finish(); // throws what was gathered
 
@@ -216,7 +225,7 @@ void Reader::read_user(const toml::key &name, const toml::node &node) {
     UserLimits user;
     user.name = name.str();
     std::optional<uid_t> uid = parse_user_number(user.name);
-    if (!uid) uid = users_.user(user.name);
+    if (!uid && !has_control_character(user.name)) uid = users_.user(user.name);
     if (!uid) return complain(name.source(), path + ": there is no user '" + user.name + "'");
     if (const UserLimits *same = config_.limits.of(*uid))
         return complain(name.source(), path + ": limits.user." + same->name +
@@ -340,11 +349,11 @@ ConfigError::ConfigError(std::vector<std::string> lines)
 
 Config parse_config(std::string_view text, const std::string &file, const UserDatabase &users) {
     Reader reader(file, users);
-    const toml::parse_result result = toml::parse(text);
-    if (result)
-        reader.read(result.table());
-    else
-        reader.complain(result.error().source(), std::string(result.error().description()));
+    try {
+        reader.read(toml::parse(text));
+    } catch (const toml::parse_error &error) {
+        reader.complain(error.source(), std::string(error.description()));
+    }
     Config config = reader.finish();
     config.file = file;
     return config;

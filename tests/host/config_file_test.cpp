@@ -197,6 +197,13 @@ TEST(ConfigFile, errors_in_rules_and_users_name_what_is_unknown) {
               "f:1:8: rule: has to be a list of tables; write [[rule]]");
 }
 
+TEST(ConfigFile, an_error_is_one_line_whatever_the_file_holds) {
+    EXPECT_EQ(only_error_of("\"a\\nb\\u001b[31m\" = 1\n").find_first_of("\n\x1b"),
+              std::string::npos);
+    EXPECT_EQ(only_error_of("[limits.user.\"joe\\n\"]\n"),
+              "f:1:14: limits.user.joe?: there is no user 'joe?'");
+}
+
 TEST(ConfigFile, all_errors_are_told_in_the_order_of_the_file) {
     EXPECT_EQ(errors_of("[limits]\nsessions = -1\n[daemon]\nconsole = 1\nsocket = 1\n"),
               (std::vector<std::string>{
@@ -221,8 +228,8 @@ TEST(ConfigFile, unknown_keys_are_errors_with_a_hint) {
 }
 
 TEST(ConfigFile, text_that_is_no_toml_is_one_error_with_its_place) {
-    for (const char *text :
-         {"[", "a = ", "= 1", "a = 'x", "[daemon]\n[daemon]\n", "\xff\xfe", "a"}) {
+    for (const char *text : {"[", "a = ", "= 1", "a = 'x", "[daemon]\n[daemon]\n", "\xff\xfe", "a",
+                             "[b\"]", "[\x16"}) {
         const std::string error = only_error_of(text);
 
         EXPECT_TRUE(error.starts_with("f:")) << text << ": " << error;

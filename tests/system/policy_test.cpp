@@ -235,7 +235,7 @@ TEST_F(Policy, what_is_given_back_can_be_taken_again) {
         client.withdraw("a", "");
         client.unwatch("a", client.watch("a"));
         const std::uint32_t id = client.publish("b", "", 1).service_id();
-        client.ok(withdraw_id_request(id));
+        client.ok(withdraw_id_request("b", id));
         Client again(daemon);
         EXPECT_EQ(again.status().sessions(), 2u);
     }
