@@ -300,11 +300,14 @@ int ds_client_status(ds_client_handle_t *handle, ds_client_reply_fn fn, void *ct
     });
 }
 
-int ds_client_withdraw(ds_client_handle_t *handle, uint32_t service_id, ds_client_reply_fn fn,
-                       void *ctx, uint64_t *query) {
+int ds_client_withdraw(ds_client_handle_t *handle, const char *name, uint32_t service_id,
+                       ds_client_reply_fn fn, void *ctx, uint64_t *query) {
     return guarded([&]() -> int {
-        if (handle == nullptr || fn == nullptr || service_id == 0) return DS_CLIENT_ERROR_ARGUMENT;
+        const bool fits = is_text(or_empty(name), 1, ds::proto::name_bytes_max);
+        if (handle == nullptr || fn == nullptr || service_id == 0 || !fits)
+            return DS_CLIENT_ERROR_ARGUMENT;
         ds::v1::Request request;
+        request.mutable_withdraw()->set_name(name);
         request.mutable_withdraw()->set_service_id(service_id);
         return ask(handle, std::move(request), fn, ctx, query);
     });

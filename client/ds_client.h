@@ -412,10 +412,10 @@ int ds_client_list(ds_client_handle_t *handle, const char *name, const char *aft
 /* Figures of the daemon. */
 int ds_client_status(ds_client_handle_t *handle, ds_client_reply_fn fn, void *ctx, uint64_t *query);
 
-/* Withdraws the publication of this node with that service id, whoever published it: for its own
-   user and for root. The id is not 0. */
-int ds_client_withdraw(ds_client_handle_t *handle, uint32_t service_id, ds_client_reply_fn fn,
-                       void *ctx, uint64_t *query);
+/* Withdraws the publication of this node with that name and service id, whoever published it: for
+   its own user and for root. The id is not 0. */
+int ds_client_withdraw(ds_client_handle_t *handle, const char *name, uint32_t service_id,
+                       ds_client_reply_fn fn, void *ctx, uint64_t *query);
 
 /* Any query, given as an encoded Request message of proto/ds.proto: for tools that ask what this
    header has no function for. `seq` is set here. Hello, Publish, Register and Unregister are

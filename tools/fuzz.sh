@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 
 seconds=${1:-30}
 dir=build/fuzz
-targets=(decoders frames relay_receive directory)
+targets=(decoders frames relay_receive directory config)
 
 # Short stacks and a small quarantine, and below no bookkeeping of how rare each feature is, make a
 # run several times as fast; a finding's input, run by fuzz_replay_TARGET, shows the rest.

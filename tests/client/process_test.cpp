@@ -123,7 +123,7 @@ TEST_F(ClientAndDaemon, a_withdrawal_by_id_is_told_to_the_publisher) {
         *static_cast<int *>(ctx) = reply->error;
     };
 
-    ASSERT_EQ(ds_client_withdraw(other.get(), info.service_id, on_reply, &error, nullptr),
+    ASSERT_EQ(ds_client_withdraw(other.get(), "web", info.service_id, on_reply, &error, nullptr),
               DS_CLIENT_OK);
     other.sync();
     while (describe(publication).starts_with("live"))

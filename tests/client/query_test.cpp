@@ -55,7 +55,7 @@ TEST_F(QueryTest, a_list_is_answered_with_its_names) {
 TEST_F(QueryTest, the_status_and_a_withdrawal_are_answered_in_their_order) {
     connect();
     ASSERT_EQ(status(), DS_CLIENT_OK);
-    ASSERT_EQ(ds_client_withdraw(handle_, 77, on_reply, this, nullptr), DS_CLIENT_OK);
+    ASSERT_EQ(ds_client_withdraw(handle_, "web", 77, on_reply, this, nullptr), DS_CLIENT_OK);
     pump();
 
     v1::Event event = reply_to(peer_.read_request());

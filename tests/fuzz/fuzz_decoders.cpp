@@ -82,7 +82,7 @@ void check_path(const Bytes &bytes) {
     require(encoded == bytes, "a path is encoded otherwise than it came");
 }
 
-void read_records(const ring::Reader &reader) {
+void read_records(ring::Reader &reader) {
     std::uint64_t position = 0;
     std::uint64_t lost = 0;
     const std::vector<ring::Record> records = reader.read(position, lost);
@@ -96,7 +96,7 @@ void read_records(const ring::Reader &reader) {
 }
 
 // The writer's process writes what it likes while the file is mapped here, and may cut it off.
-void spoil_and_read(int fd, std::size_t file_bytes, const ring::Reader &reader, Input &input) {
+void spoil_and_read(int fd, std::size_t file_bytes, ring::Reader &reader, Input &input) {
     std::uint64_t position = 0;
     std::uint64_t lost = 0;
     while (!input.is_at_end()) {

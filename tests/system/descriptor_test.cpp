@@ -36,8 +36,10 @@ class Exhaustion : public testing::Test {
     void crowd_in() {
         for (std::size_t i = 0; i < clients_count; i++)
             crowd.emplace_back(daemon.socket()).send(hello_frame());
-        for (std::uint32_t i = 1; i <= 10; i++)
-            publisher.publish("turns", "", i); // each answer is a turn of the daemon
+        // Each answer is a turn of the daemon, in which it takes some of the crowd.
+        while (daemon.descriptor_count() < descriptors_max)
+            publisher.publish("turns", "", 1);
+        publisher.publish("turns", "", 2);
     }
 
     std::size_t answered_count() {
