@@ -7,6 +7,7 @@
 #include <sys/random.h>
 
 #include "client/handle.h"
+#include "client/parse.h"
 #include "client/publication.h"
 #include "client/query.h"
 #include "client/registration.h"
@@ -97,6 +98,7 @@ bool make_wish(const ds_client_service_t *given, ds::v1::Publish &publish) {
     if (service.path != nullptr) {
         publish.mutable_endpoint()->set_path(service.path);
     } else {
+        publish.mutable_endpoint()->set_allocated_ipv4(new ds::v1::Ipv4);
         publish.mutable_endpoint()->mutable_ipv4()->set_address(service.ipv4_address);
         publish.mutable_endpoint()->mutable_ipv4()->set_port(service.ipv4_port);
     }
@@ -283,6 +285,7 @@ int ds_client_list(ds_client_handle_t *handle, const char *name, const char *aft
                           is_text(or_empty(after), 0, ds::proto::name_bytes_max);
         if (handle == nullptr || fn == nullptr || !fits) return DS_CLIENT_ERROR_ARGUMENT;
         ds::v1::Request request;
+        request.set_allocated_list(new ds::v1::List);
         request.mutable_list()->set_name(or_empty(name));
         request.mutable_list()->set_after(or_empty(after));
         request.mutable_list()->set_limit(limit);
@@ -295,7 +298,7 @@ int ds_client_status(ds_client_handle_t *handle, ds_client_reply_fn fn, void *ct
     return guarded([&]() -> int {
         if (handle == nullptr || fn == nullptr) return DS_CLIENT_ERROR_ARGUMENT;
         ds::v1::Request request;
-        request.mutable_status();
+        request.set_allocated_status(new ds::v1::StatusQuery);
         return ask(handle, std::move(request), fn, ctx, query);
     });
 }
@@ -307,6 +310,7 @@ int ds_client_withdraw(ds_client_handle_t *handle, const char *name, uint32_t se
         if (handle == nullptr || fn == nullptr || service_id == 0 || !fits)
             return DS_CLIENT_ERROR_ARGUMENT;
         ds::v1::Request request;
+        request.set_allocated_withdraw(new ds::v1::Withdraw);
         request.mutable_withdraw()->set_name(name);
         request.mutable_withdraw()->set_service_id(service_id);
         return ask(handle, std::move(request), fn, ctx, query);
@@ -320,7 +324,7 @@ int ds_client_query(ds_client_handle_t *handle, const void *request, size_t requ
             request_bytes > ds::proto::frame_bytes_max - seq_bytes_max)
             return DS_CLIENT_ERROR_ARGUMENT;
         ds::v1::Request parsed;
-        if (!parsed.ParseFromArray(request, static_cast<int>(request_bytes)))
+        if (!ds::client::parse_message(request, request_bytes, parsed))
             return DS_CLIENT_ERROR_ARGUMENT;
         switch (parsed.body_case()) {
         case ds::v1::Request::kHello:

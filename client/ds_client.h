@@ -15,7 +15,8 @@
  *             was handled meanwhile.
  * Memory.     What a function takes is copied. What a callback is given is good until it returns,
  *             what a query function gives until the next call that may change it, as said there.
- *             When memory runs out, a function has changed nothing and says so.
+ *             When memory runs out, a function has changed nothing and says so; what it
+ *             had of a message by then may stay allocated.
  * fork().     A child must not use a handle of its parent; exec() closes the descriptors.
  * Structures. Each begins with `size`. Before a structure is given to the library, set `size` to
  *             its sizeof and everything else that is not used to zero:

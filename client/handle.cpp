@@ -20,6 +20,9 @@ using ds::client::Outcome;
 
 namespace {
 
+// The kernel does not tell when a listener's queue, which was full, has room again.
+constexpr std::chrono::milliseconds full_queue_wait{10};
+
 constexpr auto delete_item = [](Item *item) { delete item; };
 
 int error_of(Failure failure) {
@@ -219,7 +222,13 @@ void ds_client_handle::on_timer() {
 
 void ds_client_handle::attempt() {
     int fd = -1;
+    const auto answer_time = std::chrono::milliseconds(settings_.answer_ms);
+    if (give_up_at_ == no_deadline) give_up_at_ = ds::client::deadline_in(answer_time);
     Outcome outcome = ds::client::connect_socket(settings_.socket, ds::client::no_wait, fd);
+    if (outcome.failure == Failure::timeout && std::chrono::steady_clock::now() < give_up_at_) {
+        due_ = ds::client::deadline_in(full_queue_wait);
+        return;
+    }
     if (!outcome.ok()) {
         lose(std::move(outcome));
         return;
@@ -234,12 +243,13 @@ void ds_client_handle::attempt() {
     watches_writing_ = false;
     state_ = DS_CLIENT_CONNECTING;
     state_is_news_ = true;
-    due_ = ds::client::deadline_in(std::chrono::milliseconds(settings_.answer_ms));
+    due_ = give_up_at_;
     greet();
 }
 
 void ds_client_handle::greet() {
     ds::v1::Request request;
+    request.set_allocated_hello(new ds::v1::Hello);
     request.mutable_hello()->set_protocol(ds::proto::protocol_version);
     request.mutable_hello()->set_display_name(settings_.display_name);
     in_flight_.push_back({stream_.append(request), request.body_case(), nullptr});
@@ -263,6 +273,7 @@ void ds_client_handle::lose(int error, std::string reason) noexcept {
     reason_ = std::move(reason);
     in_flight_.clear();
     work_.clear();
+    give_up_at_ = no_deadline;
     for (Owned *items : {&publications_, &registrations_, &queries_, &orphans_}) {
         for (Item &item : *items) {
             item.in_flight = 0;

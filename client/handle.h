@@ -122,8 +122,10 @@ struct ds_client_handle {
     int poll_fd_ = -1;
     int timer_fd_ = -1;
     ds::client::Stream stream_;
-    bool watches_writing_ = false;      // what poll_fd_ is told about the socket
-    ds::client::Deadline due_;          // of the next attempt or of the greeting; or no_deadline
+    bool watches_writing_ = false; // what poll_fd_ is told about the socket
+    ds::client::Deadline due_;     // of the next attempt or of the greeting; or no_deadline
+    // Of the attempt under way, which a full queue of the listener draws out; or no_deadline.
+    ds::client::Deadline give_up_at_ = ds::client::no_deadline;
     ds::client::Deadline connected_at_; // while connected
     ds_client_state_t state_ = DS_CLIENT_CONNECTING;
     bool state_is_news_ = false;

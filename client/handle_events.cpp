@@ -125,7 +125,7 @@ void ds_client_handle::take_greeting(ds::v1::Reply &reply) {
     hello_ = std::move(*reply.mutable_hello());
     connect_count_++;
     connected_at_ = std::chrono::steady_clock::now();
-    due_ = ds::client::no_deadline;
+    due_ = give_up_at_ = ds::client::no_deadline;
     error_ = DS_CLIENT_OK;
     reason_.clear();
     state_ = DS_CLIENT_CONNECTED;

@@ -58,13 +58,14 @@ bool ds_publication::make_request(Request &request) {
     if (in_flight > 0 && !is_orphan()) return false;
     if (is_wanted_) {
         if (!is_changed_) return false;
-        *request.mutable_publish() = *wish_;
+        request.set_allocated_publish(new ds::v1::Publish(*wish_));
         asked_ = wish_;
         is_changed_ = false;
         may_be_there_ = true;
         return true;
     }
     if (!may_be_there_) return false;
+    request.set_allocated_withdraw(new ds::v1::Withdraw);
     request.mutable_withdraw()->set_name(wish_->name());
     request.mutable_withdraw()->set_instance(wish_->instance());
     request.mutable_withdraw()->set_scope(wish_->scope());

@@ -27,11 +27,13 @@ void ds_registration::get_info(ds_registration_info_t &info) const {
 bool ds_registration::make_request(Request &request) {
     if (is_orphan()) {
         if (daemon_handle_ == 0) return false;
+        request.set_allocated_unregister(new ds::v1::Unregister);
         request.mutable_unregister()->set_name(name_);
         request.mutable_unregister()->set_handle(std::exchange(daemon_handle_, 0));
         return true;
     }
     if (in_flight > 0 || state_ != DS_REGISTRATION_PENDING) return false;
+    request.set_allocated_register_(new ds::v1::Register);
     request.mutable_register_()->set_name(name_);
     request.mutable_register_()->set_cookie(cookie_);
     return true;

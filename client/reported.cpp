@@ -29,9 +29,8 @@ std::vector<const v1::Instance *> sorted_by_identity(const v1::Snapshot &snapsho
 std::vector<std::string> contents(const v1::Snapshot &snapshot) {
     std::vector<std::string> all;
     all.reserve(static_cast<std::size_t>(snapshot.instances_size()));
-    v1::Instance plain;
     for (const v1::Instance &instance : snapshot.instances()) {
-        plain = instance;
+        v1::Instance plain(instance);
         plain.clear_service_id();
         plain.clear_generation();
         all.push_back(plain.SerializeAsString());
@@ -67,7 +66,7 @@ void Reported::lose_connection() {
 }
 
 void Reported::begin_recovery() {
-    carried_.assign(newest_->instances().begin(), newest_->instances().end());
+    carried_ = std::vector<v1::Instance>(newest_->instances().begin(), newest_->instances().end());
     recovering_ = true;
     lost_ = false;
 }
@@ -81,8 +80,10 @@ void Reported::carry_over(v1::Snapshot &now) {
             [](const auto *a, const auto *b) { return identity(*a) < identity(*b); });
     };
     std::erase_if(carried_, is_back);
+    auto &instances = *now.mutable_instances();
+    instances.Reserve(instances.size() + static_cast<int>(carried_.size()));
     for (const v1::Instance &carried : carried_)
-        *now.add_instances() = carried;
+        instances.AddAllocated(new v1::Instance(carried));
 }
 
 } // namespace ds::client

@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "client/parse.h"
 #include "proto/frame.h"
 
 namespace ds::client {
@@ -63,13 +64,9 @@ bool parse_event(std::string_view bytes, v1::Event &event, std::size_t &consumed
     case proto::Cut::complete:
         break;
     }
-    v1::Event parsed;
-    if (!parsed.ParseFromArray(message.data(), static_cast<int>(message.size()))) {
-        outcome = failed(Failure::protocol, "the daemon sent a frame that cannot be read");
-        return false;
-    }
-    event = std::move(parsed);
-    return true;
+    if (parse_message(message.data(), message.size(), event)) return true;
+    outcome = failed(Failure::protocol, "the daemon sent a frame that cannot be read");
+    return false;
 }
 
 Outcome connect_socket(const std::string &path, Deadline deadline, int &fd) {

@@ -80,6 +80,33 @@ TEST_F(ClientTest, the_waits_between_attempts_follow_from_the_seed) {
     EXPECT_FALSE(is_readable());
 }
 
+TEST_F(ClientTest, a_full_queue_of_the_listener_is_waited_for_within_the_time_of_an_answer) {
+    options_.flags = DS_CLIENT_NO_RECONNECT;
+    peer_.fill_queue();
+    make();
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ(ds_client_wait(handle_, 10'000), DS_CLIENT_OK);
+    EXPECT_EQ(told_, Lines{});
+
+    peer_.empty_queue();
+    await([&] { return !told_.empty(); });
+    peer_.accept();
+    peer_.greet();
+    pump();
+
+    EXPECT_EQ(taken(), (Lines{"connecting", "connected"}));
+}
+
+TEST_F(ClientTest, a_queue_that_stays_full_ends_the_attempt) {
+    options_.answer_ms = 25;
+    peer_.fill_queue();
+    make();
+
+    await([&] { return !told_.empty(); });
+
+    EXPECT_TRUE(told_.front().starts_with("disconnected -5")) << told_.front();
+}
+
 TEST_F(ClientTest, without_reconnect_one_loss_is_the_end) {
     options_.flags = DS_CLIENT_NO_RECONNECT;
     connect();

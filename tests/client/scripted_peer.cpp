@@ -29,6 +29,7 @@ ScriptedPeer::ScriptedPeer() {
 
 ScriptedPeer::~ScriptedPeer() {
     hang_up();
+    empty_queue();
     stop_listening();
     ::rmdir(folder_.c_str());
 }
@@ -46,6 +47,26 @@ void ScriptedPeer::stop_listening() {
     if (listener_ >= 0) ::close(listener_);
     listener_ = -1;
     ::unlink(path_.c_str());
+}
+
+void ScriptedPeer::fill_queue() {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path_.copy(address.sun_path, sizeof address.sun_path - 1);
+    for (int result = 0; result == 0;) {
+        strangers_.push_back(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        result =
+            ::connect(strangers_.back(), reinterpret_cast<sockaddr *>(&address), sizeof address);
+    }
+}
+
+// The last of them did not get into the queue.
+void ScriptedPeer::empty_queue() {
+    for (std::size_t i = 0; i + 1 < strangers_.size(); i++)
+        ::close(::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC));
+    for (const int fd : strangers_)
+        ::close(fd);
+    strangers_.clear();
 }
 
 void ScriptedPeer::accept() {
@@ -70,8 +91,14 @@ void ScriptedPeer::greet() {
     send(event);
 }
 
+bool ScriptedPeer::has_connection() const {
+    pollfd item{listener_, POLLIN, 0};
+    return ::poll(&item, 1, 0) == 1;
+}
+
 bool ScriptedPeer::has_request() const {
     char byte = 0;
+    if (fd_ < 0) return false;
     return !in_.empty() || ::recv(fd_, &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 1;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "ds.pb.h"
 
@@ -19,14 +20,18 @@ class ScriptedPeer {
 
     const std::string &path() const { return path_; }
 
-    void accept();              // the connection that waits; an earlier one is closed
-    void greet();               // reads the greeting and answers it
-    bool has_request() const;   // whether something can be read at once
-    v1::Request read_request(); // fails the test when none comes
-    bool is_ended();            // whether the client has closed, with nothing left to read
+    void accept();               // the connection that waits; an earlier one is closed
+    void greet();                // reads the greeting and answers it
+    bool has_connection() const; // whether one waits
+    bool has_request() const;    // whether something can be read at once
+    v1::Request read_request();  // fails the test when none comes
+    bool is_ended();             // whether the client has closed, with nothing left to read
     void hang_up();
     void stop_listening(); // nobody is at the path from now on
     void listen();         // again
+    // Connections of nobody, until the queue of the listener takes no more; and their end.
+    void fill_queue();
+    void empty_queue();
 
     void send(const v1::Event &event) { send_bytes(frame_of(event)); }
     void send_bytes(std::string_view bytes);
@@ -42,6 +47,7 @@ class ScriptedPeer {
     std::string folder_, path_;
     int listener_ = -1;
     int fd_ = -1;
+    std::vector<int> strangers_;
     std::string in_;
 };
 
