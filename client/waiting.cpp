@@ -55,7 +55,8 @@ int end_of(const ds_publication_t &publication) {
 
 int ds_client_wait(ds_client_handle_t *handle, int timeout_ms) {
     if (handle == nullptr) return DS_CLIENT_ERROR_ARGUMENT;
-    const int result = step(*handle, deadline_of(timeout_ms));
+    const Deadline deadline = handle->is_over() ? ds::client::no_wait : deadline_of(timeout_ms);
+    const int result = step(*handle, deadline);
     if (result != DS_CLIENT_OK && result != DS_CLIENT_ERROR_TIMEOUT) return told(result);
     return handle->is_over() ? handle->last_error() : result;
 }

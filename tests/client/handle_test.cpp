@@ -117,7 +117,7 @@ TEST_F(ClientTest, without_reconnect_one_loss_is_the_end) {
     EXPECT_EQ(taken(), Lines{"disconnected -8 the daemon ended the connection"});
     EXPECT_FALSE(is_readable());
     EXPECT_EQ(ds_client_dispatch(handle_), DS_CLIENT_OK);
-    EXPECT_EQ(ds_client_wait(handle_, 0), DS_CLIENT_ERROR_DISCONNECTED);
+    EXPECT_EQ(ds_client_wait(handle_, -1), DS_CLIENT_ERROR_DISCONNECTED);
 }
 
 TEST_F(ClientTest, a_greeting_that_is_not_answered_in_time_is_given_up) {
