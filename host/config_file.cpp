@@ -20,6 +20,7 @@
 
 #include "host/config_keys.h"
 #include "host/nearest.h"
+#include "host/toml_screen.h"
 
 namespace ds::host {
 
@@ -66,8 +67,12 @@ class Reader {
 
     void read(const toml::table &document);
     void complain(const toml::source_region &where, std::string text) {
+        complain(where.begin.line, where.begin.column, std::move(text));
+    }
+    void complain(std::size_t line, std::size_t column, std::string text) {
         std::replace_if(text.begin(), text.end(), is_control_character, '?');
-        faults_.push_back({where.begin.line, where.begin.column, std::move(text)});
+        faults_.push_back({static_cast<std::uint32_t>(line), static_cast<std::uint32_t>(column),
+                           std::move(text)});
     }
     Config finish(); // throws what was gathered
 
@@ -350,7 +355,11 @@ ConfigError::ConfigError(std::vector<std::string> lines)
 Config parse_config(std::string_view text, const std::string &file, const UserDatabase &users) {
     Reader reader(file, users);
     try {
-        reader.read(toml::parse(text));
+        if (const std::optional<TextPlace> foreign = find_foreign_byte(text))
+            reader.complain(foreign->line, foreign->column,
+                            "beyond ASCII there are only strings and comments");
+        else
+            reader.read(toml::parse(text));
     } catch (const toml::parse_error &error) {
         reader.complain(error.source(), std::string(error.description()));
     }

@@ -24,6 +24,11 @@ struct Freed {
     void operator()(void *memory) const { std::free(memory); }
 };
 
+// Records hold names as numbers.
+const char *text_at(std::uint64_t address) {
+    return reinterpret_cast<const char *>(address);
+}
+
 std::uint32_t attribute(const ds_dump_service_info &record, std::int32_t type) {
     for (std::uint32_t i = 0; i < record.attrs_count; i++)
         if (record.attrs[i].type == type) return record.attrs[i].value;
@@ -32,7 +37,8 @@ std::uint32_t attribute(const ds_dump_service_info &record, std::int32_t type) {
 
 class Dumper {
   public:
-    Dumper(const Directory &directory, const v1::Dump &dump) : directory_(directory) {
+    Dumper(const Directory &directory, const v1::Dump &dump, const NameFilter &is_allowed)
+        : directory_(directory), is_allowed_(is_allowed) {
         walk_.scope_filter = dump.scope() == v1::SCOPE_NONE
                                  ? std::uint32_t{DS_SCOPE_ANY}
                                  : static_cast<std::uint32_t>(dump.scope());
@@ -44,6 +50,7 @@ class Dumper {
 
     // Whether there is something to show of the element.
     bool fill_name(ds_service_elem_t *element, bool with_services, v1::DumpedName &name) {
+        if (!is_allowed_({element->name, element->name_len})) return false;
         nested_bytes_ = 0;
         if (with_services && !fill_services(element, name)) return false;
         if (!fill_registrations(element, name) && !with_services) return false;
@@ -127,6 +134,7 @@ class Dumper {
     template <typename Out>
     void take_services(const ds_dump_service_info *records, std::uint32_t count, Out &out) {
         for (std::uint32_t i = 0; i < count && nested_bytes_ < nested_bytes_max; i++) {
+            if (!is_allowed_(text_at(records[i].service_name))) continue;
             v1::DumpedService &service = *out.add_services();
             fill_service(records[i], service);
             nested_bytes_ += service.ByteSizeLong();
@@ -137,8 +145,9 @@ class Dumper {
     void take_registrations(const vidl_ds_client_reg_entry *entries, std::uint32_t count,
                             Out &out) {
         for (std::uint32_t i = 0; i < count && nested_bytes_ < nested_bytes_max; i++) {
+            if (!is_allowed_(text_at(entries[i].service_name))) continue;
             v1::DumpedRegistration &registration = *out.add_registrations();
-            registration.set_name(reinterpret_cast<const char *>(entries[i].service_name));
+            registration.set_name(text_at(entries[i].service_name));
             registration.set_pid(entries[i].pid);
             registration.set_client(entries[i].client_name);
             registration.set_created_ns(wall_(entries[i].created_time));
@@ -149,7 +158,7 @@ class Dumper {
     }
 
     void fill_service(const ds_dump_service_info &record, v1::DumpedService &out) const {
-        out.set_name(reinterpret_cast<const char *>(record.service_name));
+        out.set_name(text_at(record.service_name));
         out.set_publisher(record.proc_id);
         out.set_added_ns(wall_(record.added_time));
         out.set_updated_ns(wall_(record.update_time));
@@ -173,6 +182,7 @@ class Dumper {
     }
 
     const Directory &directory_;
+    const NameFilter &is_allowed_;
     WallClock wall_;
     ds_dump_walk_ctx walk_ = {};
     bool is_node_unknown_ = false;
@@ -181,8 +191,9 @@ class Dumper {
 
 } // namespace
 
-void fill_names(const Directory &directory, const v1::Dump &dump, v1::DumpReply &reply) {
-    Dumper dumper(directory, dump);
+void fill_names(const Directory &directory, const v1::Dump &dump, const NameFilter &is_allowed,
+                v1::DumpReply &reply) {
+    Dumper dumper(directory, dump, is_allowed);
     const bool with_services = dump.kind() == v1::DUMP_KIND_SERVICES;
     if (!dump.name().empty()) {
         ds_service_elem_t *element = directory.find(dump.name());
@@ -209,8 +220,8 @@ void fill_names(const Directory &directory, const v1::Dump &dump, v1::DumpReply 
 }
 
 void fill_clients(const Directory &directory, const SessionTable &sessions, const v1::Dump &dump,
-                  v1::DumpReply &reply) {
-    Dumper dumper(directory, dump);
+                  const NameFilter &is_allowed, v1::DumpReply &reply) {
+    Dumper dumper(directory, dump, is_allowed);
     std::size_t bytes = 0;
     const auto take = [&](const Session &session) {
         if (session.client() == nullptr) return true;

@@ -38,8 +38,15 @@ bool is_denied(Call &call, Action action, const std::string &name) {
     if (rule == nullptr) return false;
     refuse(call.reply, v1::STATUS_DENIED,
            describe_rule(*rule) + " does not let user " + quoted(call.session.account().name()) +
-               " " + action_name(action) + " " + quoted(name) + ".");
+               " " + action_name(action) + (name.empty() ? "" : " " + quoted(name)) + ".");
     return true;
+}
+
+// What is left of a listing or a dump for those who ask.
+NameFilter allowed_names(Call &call, Action action) {
+    return [&call, action](std::string_view name) {
+        return find_denial(call.server.rules(), call.session.peer(), action, name) == nullptr;
+    };
 }
 
 // Whether the user has as many already as is allowed; then the reply says so.
@@ -192,11 +199,8 @@ void handle_list(Call &call) {
                       "after has " + std::to_string(list.after().size()) + " bytes; 0 to " +
                           std::to_string(proto::name_bytes_max) + " bytes are allowed.");
     if (list.name().empty()) {
-        const auto is_allowed = [&call](std::string_view name) {
-            return find_denial(call.server.rules(), call.session.peer(), Action::list, name) ==
-                   nullptr;
-        };
-        return encode_page(call.server.directory(), list, is_allowed, call.page);
+        return encode_page(call.server.directory(), list, allowed_names(call, Action::list),
+                           call.page);
     }
     if (std::string text = check_text(service_name_rule, list.name()); !text.empty())
         return refuse(call.reply, v1::STATUS_INVALID, std::move(text));
@@ -253,18 +257,22 @@ void handle_dump(Call &call) {
                           std::to_string(proto::name_bytes_max) + " bytes are allowed.");
     if (std::string text = dump.name().empty() ? "" : check_text(rule, dump.name()); !text.empty())
         return refuse(call.reply, v1::STATUS_INVALID, std::move(text));
+    if (is_denied(call, Action::dump, is_of_clients ? std::string() : dump.name())) return;
+    const NameFilter is_allowed = allowed_names(call, Action::dump);
     v1::DumpReply &body = *call.reply.mutable_dump();
     if (is_of_clients)
-        fill_clients(call.server.directory(), call.server.sessions(), dump, body);
+        fill_clients(call.server.directory(), call.server.sessions(), dump, is_allowed, body);
     else
-        fill_names(call.server.directory(), dump, body);
+        fill_names(call.server.directory(), dump, is_allowed, body);
 }
 
 void handle_stats(Call &call) {
+    if (is_denied(call, Action::dump, {})) return;
     fill_stats(*call.reply.mutable_stats());
 }
 
 void handle_nodes(Call &call) {
+    if (is_denied(call, Action::dump, {})) return;
     fill_nodes(call.server.directory(), *call.reply.mutable_nodes());
 }
 

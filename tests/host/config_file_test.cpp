@@ -1,5 +1,6 @@
 // The configuration file: what it means, and what is said about one that is wrong.
 #include "host/config_file.h"
+#include "host/toml_screen.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -60,6 +61,18 @@ Config without_origin(Config config) {
 
 TEST(ConfigFile, an_empty_file_leaves_the_defaults) {
     EXPECT_EQ(without_origin(parse("")), Config());
+}
+
+TEST(ConfigFile, characters_beyond_ascii_stand_in_strings_and_comments_only) {
+    const auto place = [](std::string_view text) { return find_foreign_byte(text); };
+
+    EXPECT_EQ(place("a = \"\u00e9 \\\" \u00e9\" # \u00e9\nb = '\u00e9\\'\n"), std::nullopt);
+    EXPECT_EQ(place("a = \"\"\"\u00e9\n\"\u00e9\"\"\"\nb = \'\'\'\u00e9\n\'\'\'\n"), std::nullopt);
+    EXPECT_EQ(place("\xef\xbb\xbf a = 1"), std::nullopt);
+    EXPECT_EQ(place("a = 1\n b\u00e9 = 2\n"), (TextPlace{2, 3}));
+    EXPECT_EQ(place("a = \"open\nb\u00e9\"\n"), (TextPlace{2, 2}));
+    EXPECT_EQ(place("a = \"\"\n\u00e9"), (TextPlace{2, 1}));
+    EXPECT_THROW(parse_config("[limits\u0489]\nsessions = 1\n", "f"), ConfigError);
 }
 
 TEST(ConfigFile, values_rules_and_limits_of_users_are_read) {

@@ -156,6 +156,41 @@ TEST_F(Policy, names_that_may_not_be_listed_are_left_out) {
     EXPECT_EQ(one.status(), v1::STATUS_DENIED);
 }
 
+TEST_F(Policy, names_that_may_not_be_dumped_are_left_out_also_of_clients) {
+    configure("[[rule]]\nname = \"discreet\"\nwhat = \"dump\"\nnames = \"secret/*\"\n"
+              "decision = \"deny\"\n");
+    Daemon daemon(with_file());
+    Client client(daemon);
+    client.publish("secret/web", "", 1);
+    client.publish("open", "", 2);
+
+    const v1::DumpReply names = client.ok(dump_request(v1::DUMP_KIND_SERVICES)).dump();
+    const v1::DumpReply clients = client.ok(dump_request(v1::DUMP_KIND_CLIENTS)).dump();
+    const v1::Reply one = client.call(dump_request(v1::DUMP_KIND_SERVICES, "secret/web"));
+
+    ASSERT_EQ(names.names_size(), 1);
+    EXPECT_EQ(names.names(0).name(), "open");
+    ASSERT_EQ(clients.clients_size(), 1);
+    EXPECT_EQ(clients.clients(0).services_size(), 1);
+    EXPECT_EQ(clients.clients(0).service_count(), 2u);
+    EXPECT_EQ(one.status(), v1::STATUS_DENIED);
+}
+
+TEST_F(Policy, who_may_dump_nothing_is_told_the_rule) {
+    configure("[[rule]]\nname = \"quiet\"\nwhat = \"dump\"\ndecision = \"deny\"\n");
+    Daemon daemon(with_file());
+    Client client(daemon);
+    v1::Request stats;
+    stats.mutable_stats();
+
+    const v1::Reply dump = client.call(dump_request(v1::DUMP_KIND_SERVICES));
+
+    EXPECT_EQ(dump.status(), v1::STATUS_DENIED);
+    EXPECT_EQ(dump.text(),
+              "Rule 'quiet' (" + file() + ":1) does not let user '" + me() + "' dump.");
+    EXPECT_EQ(client.call(stats).status(), v1::STATUS_DENIED);
+}
+
 TEST_F(Policy, a_rule_for_a_group_fits_members_by_supplementary_groups) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to take on groups";
     configure("[[rule]]\ngroup = [54321]\nnames = \"g\"\ndecision = \"deny\"\n");
