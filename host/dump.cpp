@@ -7,7 +7,6 @@
 // The public dump call answers for the whole directory at once. Pages take its parts, which fill
 // the records of one name or one client.
 #include "ds_internal.h"
-#include "host/listing.h"
 #include "host/names.h"
 #include "host/session.h"
 #include "host/snapshot.h"
@@ -17,7 +16,8 @@ namespace ds::host {
 
 namespace {
 
-constexpr std::size_t visits_max = 4096;            // names or slots looked at for one page
+constexpr std::size_t dump_page_bytes_max = 32'768; // but for a single record
+constexpr std::size_t visits_max = 512;             // names or slots looked at for one page
 constexpr std::size_t nested_bytes_max = 1'000'000; // of what one name or client holds
 
 struct Freed {
@@ -210,7 +210,7 @@ void fill_names(const Directory &directory, const v1::Dump &dump, const NameFilt
         v1::DumpedName &name = *reply.add_names();
         const bool is_shown = dumper.fill_name(element, with_services, name);
         if (is_shown) bytes += name.ByteSizeLong();
-        const bool is_full = is_shown && bytes > page_bytes_max && reply.names_size() > 1;
+        const bool is_full = is_shown && bytes > dump_page_bytes_max && reply.names_size() > 1;
         if (!is_shown || is_full) reply.mutable_names()->RemoveLast();
         if (is_full) break;
         last = element;
@@ -229,7 +229,7 @@ void fill_clients(const Directory &directory, const SessionTable &sessions, cons
         v1::DumpedClient &client = *reply.add_clients();
         dumper.fill_client(session, client);
         bytes += client.ByteSizeLong();
-        const bool has_room = bytes <= page_bytes_max || reply.clients_size() == 1;
+        const bool has_room = bytes <= dump_page_bytes_max || reply.clients_size() == 1;
         if (!has_room) reply.mutable_clients()->RemoveLast();
         return has_room;
     };

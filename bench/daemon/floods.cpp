@@ -187,10 +187,40 @@ void flood_unread(const std::string &socket, const Begun &begun) {
         }
 }
 
+// Dumps a directory of 100,000 services, page by page, again and again.
+void flood_dumps(const std::string &socket, const Begun &begun) {
+    constexpr int services = 100'000;
+    constexpr int portion = 1'000;
+    Link link(socket);
+    v1::Request publish = publish_request();
+    for (int i = 0; i < services; i += portion) {
+        for (int j = i; j < i + portion; j++) {
+            publish.mutable_publish()->set_name("flood/dumped/" + std::to_string(j));
+            link.put(publish);
+        }
+        link.flush();
+        link.await_replies(portion);
+    }
+    v1::Request dump;
+    dump.mutable_dump()->set_kind(v1::DUMP_KIND_SERVICES);
+    begun();
+    for (;;) {
+        link.put(dump);
+        link.flush();
+        link.take(true, [&dump](const v1::Event &event) {
+            dump.mutable_dump()->set_after(event.reply().dump().next());
+        });
+    }
+}
+
 constexpr Flood all[] = {
-    {"publications", flood_publications},   {"registrations", flood_registrations},
-    {"departures", flood_departures},       {"sessions", flood_sessions},
-    {"notifications", flood_notifications}, {"unread", flood_unread},
+    {"publications", flood_publications},
+    {"registrations", flood_registrations},
+    {"departures", flood_departures},
+    {"sessions", flood_sessions},
+    {"notifications", flood_notifications},
+    {"unread", flood_unread},
+    {"dumps", flood_dumps},
 };
 
 } // namespace
