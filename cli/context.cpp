@@ -25,6 +25,7 @@ int exit_of_status(v1::Status status) {
     case v1::STATUS_NOT_FOUND:
         return exit_not_found;
     case v1::STATUS_DENIED:
+    case v1::STATUS_LIMIT:
         return exit_denied;
     case v1::STATUS_UNAVAILABLE:
         return exit_unreachable;
@@ -89,28 +90,18 @@ int fail(std::string_view what, const client::Outcome &outcome) {
     return exit_of(outcome);
 }
 
-namespace {
-
-int tell_connection(const std::string &path, const client::Outcome &outcome) {
+int connect(const Context &context, Daemon &daemon) {
+    const std::string path = context.socket_path();
+    const client::Outcome outcome = daemon.connect(path, client::deadline_in(answer_time));
     if (outcome.ok()) return exit_ok;
+    if (outcome.failure == client::Failure::refused) {
+        return fail("the daemon at " + path + " does not let you in", outcome);
+    }
     const int code = fail("cannot reach the daemon at " + path, outcome);
     if (outcome.failure == client::Failure::unreachable) {
         complain("is dsd running? --socket PATH or DS_SOCKET name another socket");
     }
     return code;
-}
-
-} // namespace
-
-int connect(const Context &context, Daemon &daemon) {
-    const std::string path = context.socket_path();
-    return tell_connection(path, daemon.connect(path, client::deadline_in(answer_time)));
-}
-
-int connect(const Context &context, client::Connection &connection) {
-    const std::string path = context.socket_path();
-    return tell_connection(path,
-                           connection.connect(path, "dsctl", client::deadline_in(answer_time)));
 }
 
 std::string check_name(const std::string &name) {

@@ -6,7 +6,6 @@
 #include <string_view>
 
 #include "cli/daemon.h"
-#include "client/connection.h"
 
 namespace CLI {
 class App;
@@ -57,8 +56,6 @@ int fail(std::string_view what, const client::Outcome &outcome);
 // Connects; on failure complains, with a hint where the daemon was looked for, and returns the exit
 // code.
 int connect(const Context &context, Daemon &daemon);
-// The same for a verb that speaks the protocol itself.
-int connect(const Context &context, client::Connection &connection);
 
 // Empty when `name` may be the name of a service, else what is wrong with it: 1 to 255 bytes of
 // UTF-8. The daemon checks more; this is what would mean something else on the way to it.
@@ -78,6 +75,11 @@ Action prepare_watch(CLI::App &options);
 Action prepare_list(CLI::App &options);
 Action prepare_show(CLI::App &options);
 Action prepare_status(CLI::App &options);
+Action prepare_clients(CLI::App &options);
+Action prepare_nodes(CLI::App &options);
+Action prepare_stats(CLI::App &options);
+Action prepare_dump(CLI::App &options);
 Action prepare_trace(CLI::App &options);
+Action prepare_completion(CLI::App &options);
 
 } // namespace ds::cli

@@ -101,7 +101,8 @@ Outcome Daemon::outcome_of(int error) const {
     if (ds_client_get_info(handle_, &info) == DS_CLIENT_OK) text = info.reason;
     if (text.empty() && error == DS_CLIENT_ERROR_TIMEOUT)
         text = "the daemon did not answer in time";
-    return client::failed(failure_of(error), text.empty() ? ds_client_strerror(error) : text);
+    if (text.empty()) text = ds_client_strerror(error);
+    return {failure_of(error), static_cast<v1::Status>(info.status), text};
 }
 
 Outcome Daemon::call(const v1::Request &request, v1::Reply &reply, client::Deadline deadline) {

@@ -1,7 +1,5 @@
 #include "cli/directory.h"
 
-#include "cli/context.h"
-
 namespace ds::cli {
 
 client::Outcome list_names(Daemon &daemon, const std::string &name, const SnapshotTaker &take) {
@@ -21,6 +19,32 @@ client::Outcome list_names(Daemon &daemon, const std::string &name, const Snapsh
             return {client::Failure::protocol, v1::STATUS_OK, "the list does not come to an end"};
         }
         after = next;
+    }
+}
+
+int ask(const Context &context, const char *what, const v1::Request &request, v1::Reply &reply) {
+    Daemon daemon;
+    if (const int code = connect(context, daemon); code != exit_ok) return code;
+    const client::Outcome outcome = daemon.call(request, reply, client::deadline_in(answer_time));
+    return outcome.ok() ? exit_ok : fail(what, outcome);
+}
+
+client::Outcome dump_pages(Daemon &daemon, v1::Dump dump, const PageTaker &take) {
+    v1::Request request;
+    request.mutable_dump()->Swap(&dump);
+    for (;;) {
+        v1::Reply reply;
+        client::Outcome outcome = daemon.call(request, reply, client::deadline_in(answer_time));
+        if (!outcome.ok()) return outcome;
+        const v1::DumpReply &page = reply.dump();
+        take(page);
+        if (page.next().empty() && page.next_client() == 0) return {};
+        v1::Dump &next = *request.mutable_dump();
+        if (page.next() == next.after() && page.next_client() == next.after_client()) {
+            return {client::Failure::protocol, v1::STATUS_OK, "the dump does not come to an end"};
+        }
+        next.set_after(page.next());
+        next.set_after_client(page.next_client());
     }
 }
 

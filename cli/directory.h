@@ -3,6 +3,7 @@
 #include <functional>
 #include <string>
 
+#include "cli/context.h"
 #include "cli/daemon.h"
 
 namespace ds::cli {
@@ -13,6 +14,14 @@ using SnapshotTaker = std::function<void(const v1::Snapshot &)>;
 // own is asked for with `name`; empty asks for all. Each page has to come within the time that one
 // answer may take.
 client::Outcome list_names(Daemon &daemon, const std::string &name, const SnapshotTaker &take);
+
+// Connects and asks one question. Complains on failure, in the words of `what` ("cannot ask for the
+// status"), and returns the exit code.
+int ask(const Context &context, const char *what, const v1::Request &request, v1::Reply &reply);
+
+// Hands every page of a dump to `take`, the same way.
+using PageTaker = std::function<void(const v1::DumpReply &)>;
+client::Outcome dump_pages(Daemon &daemon, v1::Dump dump, const PageTaker &take);
 
 // Tells on stderr that instances may be missing because a restart period is open.
 void note_reconciling();

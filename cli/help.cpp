@@ -9,6 +9,11 @@ constexpr char exit_codes[] = "Exit codes:\n"
                               "  0 ok   1 failure   2 usage   3 not found   4 daemon unreachable\n"
                               "  5 timeout   6 denied\n";
 
+// The parser tells the name of a type and behind it what the checks of the option are called. Only
+// those of one_of() are called something: their words.
+constexpr char type_end = ':';
+constexpr char word_end = '|';
+
 std::string trimmed(std::string text) {
     text.erase(0, std::min(text.find_first_not_of('\n'), text.size()));
     text.erase(text.find_last_not_of('\n') + 1);
@@ -71,7 +76,9 @@ std::string HelpText::make_subcommand(const CLI::App *verb) const {
 }
 
 std::string HelpText::make_option_opts(const CLI::Option *option) const {
-    return option->get_type_name().empty() ? "" : ' ' + option->get_type_name();
+    const std::string type = option->get_type_name();
+    const std::string name = type.substr(0, type.find(type_end));
+    return name.empty() ? "" : ' ' + name;
 }
 
 std::string HelpText::make_option_name(const CLI::Option *option, bool positional) const {
@@ -80,6 +87,34 @@ std::string HelpText::make_option_name(const CLI::Option *option, bool positiona
     for (std::size_t at = 0; (at = text.find(',', at)) != text.npos; at += 2)
         text.insert(at + 1, " ");
     return text;
+}
+
+std::string lower(std::string word) {
+    for (char &c : word)
+        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    return word;
+}
+
+CLI::Validator one_of(std::vector<std::string> words) {
+    std::string description;
+    for (const std::string &word : words)
+        description += (description.empty() ? "" : std::string(1, word_end)) + word;
+    const auto check = [words = std::move(words)](const std::string &given) -> std::string {
+        std::string known;
+        for (const std::string &word : words) {
+            if (word == lower(given)) return "";
+            known += (known.empty() ? "" : ", ") + word;
+        }
+        return '\'' + given + "' is none of " + known;
+    };
+    return CLI::Validator(check, description);
+}
+
+std::vector<std::string> words_of(const CLI::Option &option) {
+    const std::string type = option.get_type_name();
+    const std::size_t end = type.find(type_end);
+    if (end == type.npos) return {};
+    return CLI::detail::split(type.substr(end + 1), word_end);
 }
 
 void add_global_options(CLI::App &app, Context &context) {

@@ -3,10 +3,12 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <CLI/App.hpp>
 #include <CLI/Config.hpp>
 #include <CLI/Formatter.hpp>
+#include <CLI/Validators.hpp>
 
 #include "cli/context.h"
 
@@ -32,24 +34,23 @@ class HelpText : public CLI::Formatter {
     std::map<std::string, std::string> short_help_;
 };
 
-// An option whose value is one of some words, in any case.
+// Takes one of the words, in any case. words_of() finds them in an option that is checked with it.
+CLI::Validator one_of(std::vector<std::string> words);
+// Empty when the option takes something else.
+std::vector<std::string> words_of(const CLI::Option &option);
+std::string lower(std::string word);
+
+// An option, or an argument, whose value is one of some words.
 template <class Value, class Target>
 CLI::Option *add_word_option(CLI::App &app, const std::string &flags, Target &target,
                              const std::map<std::string, Value> &words, const std::string &help) {
-    const auto take = [&target, &words, flags](std::string word) {
-        for (char &c : word)
-            c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-        if (const auto found = words.find(word); found != words.end()) {
-            target = found->second;
-            return;
-        }
-        std::string known;
-        for (const auto &[name, value] : words)
-            known += (known.empty() ? "" : ", ") + name;
-        const std::string flag = flags.substr(flags.find("--"));
-        throw CLI::ValidationError(flag, '\'' + word + "' is none of " + known);
+    std::vector<std::string> known;
+    for (const auto &[word, value] : words)
+        known.push_back(word);
+    const auto take = [&target, &words](const std::string &word) {
+        target = words.at(lower(word));
     };
-    return app.add_option_function<std::string>(flags, take, help);
+    return app.add_option_function<std::string>(flags, take, help)->check(one_of(known));
 }
 
 // --socket, --output, --no-color and --help. They may stand before and behind the verb.

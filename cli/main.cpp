@@ -17,7 +17,12 @@ constexpr Verb verbs[] = {
     {"list", prepare_list, "List what is published"},
     {"show", prepare_show, "Show everything about one name"},
     {"status", prepare_status, "Show how the daemon is"},
+    {"clients", prepare_clients, "List the clients: what they hold, what they have not read"},
+    {"nodes", prepare_nodes, "List the nodes that were heard of"},
+    {"stats", prepare_stats, "Show the directory's counters"},
+    {"dump", prepare_dump, "Dump all services, registrations or clients with every detail"},
     {"trace", prepare_trace, "Show, follow and search the daemon's trace"},
+    {"completion", prepare_completion, "Print a script that completes command lines"},
 };
 
 constexpr char purpose[] = "Publish, watch and inspect services of the directory service.";
@@ -30,7 +35,9 @@ constexpr char closing[] =
     "Examples:\n"
     "  dsctl publish web 10.0.0.1:8080 --instance blue --scope system\n"
     "  dsctl watch web\n"
-    "  dsctl list 'web*' -o json\n";
+    "  dsctl list 'web*' -o json\n"
+    "  dsctl clients\n"
+    "  dsctl trace -f --name web\n";
 
 int complain_about_usage(const CLI::ParseError &error, const CLI::App &app) {
     const CLI::App *verb = nullptr;

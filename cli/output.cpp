@@ -114,6 +114,18 @@ std::tm local_time(std::uint64_t wall_ns) {
     return parts;
 }
 
+std::tm utc_time(std::uint64_t wall_ns) {
+    const auto seconds = static_cast<std::time_t>(wall_ns / 1'000'000'000);
+    std::tm parts{};
+    ::gmtime_r(&seconds, &parts);
+    return parts;
+}
+
+std::string day_and_second(const std::tm &at) {
+    return format("%04d-%02d-%02dT%02d:%02d:%02d", at.tm_year + 1900, at.tm_mon + 1, at.tm_mday,
+                  at.tm_hour, at.tm_min, at.tm_sec);
+}
+
 unsigned ms_of(std::uint64_t wall_ns) {
     return static_cast<unsigned>(wall_ns / 1'000'000 % 1000);
 }
@@ -165,26 +177,65 @@ void Table::add(const std::vector<std::string> &cells) {
     rows_.push_back(std::move(row));
 }
 
-std::string Table::render(bool color) const {
-    std::vector<std::size_t> widths;
-    for (const std::string &title : titles_)
-        widths.push_back(width(title));
-    for (const auto &row : rows_) {
+namespace {
+
+std::string join(const std::vector<std::string> &cells, const std::vector<std::size_t> &widths) {
+    std::string out;
+    for (std::size_t i = 0; i < cells.size(); i++) {
+        const bool is_last = i + 1 == cells.size();
+        out += is_last ? cells[i] : pad(cells[i], widths[i] + 2);
+    }
+    return out;
+}
+
+} // namespace
+
+Table::Widths Table::widths() const {
+    Widths widths = widths_before_;
+    widths.resize(titles_.size());
+    const auto widen = [&widths](const Row &row) {
         for (std::size_t i = 0; i < row.size(); i++)
             widths[i] = std::max(widths[i], width(row[i]));
-    }
-    const auto line = [&widths](const std::vector<std::string> &cells) {
-        std::string out;
-        for (std::size_t i = 0; i < cells.size(); i++) {
-            const bool last = i + 1 == cells.size();
-            out += last ? cells[i] : pad(cells[i], widths[i] + 2);
-        }
-        return out;
     };
-    std::string out = paint(line(titles_), Color::header, color) + '\n';
-    for (const auto &row : rows_)
-        out += line(row) + '\n';
+    widen(titles_);
+    for (const Row &row : rows_)
+        widen(row);
+    return widths;
+}
+
+std::string Table::header(const Widths &widths, bool color) const {
+    return paint(join(titles_, widths), Color::header, color) + '\n';
+}
+
+std::string Table::body(const Widths &widths) const {
+    std::string out;
+    for (const Row &row : rows_)
+        out += join(row, widths) + '\n';
     return out;
+}
+
+std::string Table::render(bool color) const {
+    const Widths all = widths();
+    return header(all, color) + body(all);
+}
+
+std::string Table::take_page(bool color) {
+    const bool is_first = widths_before_.empty();
+    widths_before_ = widths();
+    std::string out = is_first ? header(widths_before_, color) : "";
+    out += body(widths_before_);
+    rows_.clear();
+    return out;
+}
+
+std::string fields_text(const Fields &fields, bool color) {
+    std::size_t columns = 0;
+    for (const auto &[label, value] : fields)
+        columns = std::max(columns, width(label) + 2);
+    std::string text = paint(pad("FIELD", columns) + "VALUE", Color::header, color) + '\n';
+    for (const auto &[label, value] : fields)
+        text += pad(label, columns) + (value.empty() ? "-" : one_line(value)) + '\n';
+    return text;
 }
 
 std::string bytes_text(std::uint64_t bytes) {
@@ -221,11 +272,30 @@ std::string date_clock_text(std::uint64_t wall_ns) {
 }
 
 std::string iso_text(std::uint64_t wall_ns) {
-    const auto seconds = static_cast<std::time_t>(wall_ns / 1'000'000'000);
-    std::tm at{};
-    ::gmtime_r(&seconds, &at);
-    return format("%04d-%02d-%02dT%02d:%02d:%02d.%03uZ", at.tm_year + 1900, at.tm_mon + 1,
-                  at.tm_mday, at.tm_hour, at.tm_min, at.tm_sec, ms_of(wall_ns));
+    return day_and_second(utc_time(wall_ns)) + format(".%03uZ", ms_of(wall_ns));
+}
+
+std::string rfc3339_text(std::uint64_t wall_ns) {
+    const auto ns = static_cast<unsigned>(wall_ns % 1'000'000'000);
+    return day_and_second(utc_time(wall_ns)) + format(".%09uZ", ns);
+}
+
+std::string local_text(std::uint64_t wall_ns) {
+    return day_and_second(local_time(wall_ns));
+}
+
+std::uint64_t age_ns(std::uint64_t wall_ns, std::uint64_t now_ns) {
+    return now_ns - std::min(wall_ns, now_ns);
+}
+
+std::string age_text(std::uint64_t age_ns) {
+    const auto ms = static_cast<unsigned long>(age_ns / 1'000'000);
+    const unsigned long seconds = ms / 1000, minutes = seconds / 60, hours = minutes / 60;
+    if (seconds == 0) return format("%lums", ms);
+    if (minutes == 0) return format("%lus", seconds);
+    if (hours == 0) return format("%lum%lus", minutes, seconds % 60);
+    if (hours < 24) return format("%luh%lum", hours, minutes % 60);
+    return format("%lud%luh", hours / 24, hours % 24);
 }
 
 std::uint64_t wall_now_ns() {

@@ -43,11 +43,26 @@ class Table {
     // As many cells as there are titles, raw: they pass through cell() here.
     void add(const std::vector<std::string> &cells);
     std::string render(bool color) const;
+    // The rows since the last call, which are then forgotten: for tables that come in pages. The
+    // header stands before the first of them. A column never becomes narrower from page to page.
+    std::string take_page(bool color);
 
   private:
-    std::vector<std::string> titles_;
-    std::vector<std::vector<std::string>> rows_;
+    using Row = std::vector<std::string>;
+    using Widths = std::vector<std::size_t>;
+    Widths widths() const;
+    std::string header(const Widths &widths, bool color) const;
+    std::string body(const Widths &widths) const;
+
+    Row titles_;
+    std::vector<Row> rows_;
+    Widths widths_before_; // of the pages that were taken; empty before the first
 };
+
+// "FIELD" and "VALUE" below each other, a value to a line. Values keep their blanks: with one of
+// them in a line none can be taken for two.
+using Fields = std::vector<std::pair<std::string, std::string>>;
+std::string fields_text(const Fields &fields, bool color);
 
 // "12.3 MiB"; below 1 KiB "512 B".
 std::string bytes_text(std::uint64_t bytes);
@@ -59,6 +74,13 @@ std::string duration_text(std::uint64_t ms);
 std::string clock_text(std::uint64_t wall_ns);      // local "19:10:07.123"
 std::string date_clock_text(std::uint64_t wall_ns); // local "11/21 19:10:07.123"
 std::string iso_text(std::uint64_t wall_ns);        // UTC "2026-11-21T19:10:07.123Z"
+std::string rfc3339_text(std::uint64_t wall_ns);    // UTC "2026-11-21T19:10:07.123456789Z"
+std::string local_text(std::uint64_t wall_ns);      // local "2026-11-21T19:10:07"
 std::uint64_t wall_now_ns();
+
+// How long ago that was, in its two largest units: "250ms", "12s", "5m30s", "2h5m", "3d4h". The
+// time may be slightly ahead, when the clock was set meanwhile: "0ms".
+std::uint64_t age_ns(std::uint64_t wall_ns, std::uint64_t now_ns);
+std::string age_text(std::uint64_t age_ns);
 
 } // namespace ds::cli

@@ -26,15 +26,12 @@ constexpr std::size_t pid_columns = 7;
 constexpr std::size_t thread_columns = 15;
 constexpr std::size_t sequence_columns = 10;
 
-std::string time_text(std::uint64_t wall_ns, bool is_utc) {
-    const auto seconds = static_cast<std::time_t>(wall_ns / 1'000'000'000);
-    std::tm at{};
-    is_utc ? ::gmtime_r(&seconds, &at) : ::localtime_r(&seconds, &at);
-    char text[64];
-    std::snprintf(text, sizeof text, "%04d-%02d-%02d%c%02d:%02d:%02d.%09" PRIu64 "%s",
-                  at.tm_year + 1900, at.tm_mon + 1, at.tm_mday, is_utc ? 'T' : ' ', at.tm_hour,
-                  at.tm_min, at.tm_sec, wall_ns % 1'000'000'000, is_utc ? "Z" : "");
-    return text;
+std::string long_local_text(std::uint64_t wall_ns) {
+    std::string text = local_text(wall_ns);
+    text[text.find('T')] = ' ';
+    char fraction[16];
+    std::snprintf(fraction, sizeof fraction, ".%09" PRIu64, wall_ns % 1'000'000'000);
+    return text + fraction;
 }
 
 std::string right(std::string text, std::size_t columns) {
@@ -108,7 +105,7 @@ std::string trace_header(const Context &context) {
 
 std::string trace_text(const Context &context, const TraceLine &line) {
     const bool color = context.color(), wide = context.is_wide();
-    const std::string time = wide ? time_text(line.wall_ns, false) : date_clock_text(line.wall_ns);
+    const std::string time = wide ? long_local_text(line.wall_ns) : date_clock_text(line.wall_ns);
     std::string rest = pad(escape(line.channel), channel_columns) + ' ';
     if (wide) rest += right(line.record.point, id_columns) + ' ';
     rest += pad('[' + line.tag() + ']', tag_columns) + ' ';
@@ -122,7 +119,7 @@ std::string trace_text(const Context &context, const TraceLine &line) {
 
 Json trace_json(const TraceLine &line) {
     Json json;
-    json["time"] = time_text(line.wall_ns, true);
+    json["time"] = rfc3339_text(line.wall_ns);
     json["stamp_ns"] = line.record.stamp_ns;
     json["channel"] = line.channel;
     json["sequence"] = line.record.sequence;

@@ -1,6 +1,8 @@
 #include "cli/vocabulary.h"
 
+#include <charconv>
 #include <cstdio>
+#include <pwd.h>
 
 #include "cli/output.h"
 
@@ -74,6 +76,26 @@ std::string node_text(std::string_view address) {
 
 std::string node_cell(const v1::Instance &instance) {
     return instance.local() ? "local" : node_text(instance.node());
+}
+
+std::optional<std::string> parse_node(std::string_view text) {
+    constexpr std::size_t bytes = 6;
+    if (text.size() != bytes * 3 - 1) return {};
+    std::string address;
+    for (std::size_t at = 0; at < text.size(); at += 3) {
+        unsigned value = 0;
+        const char *end = text.data() + at + 2;
+        const auto [stop, error] = std::from_chars(text.data() + at, end, value, 16);
+        if (error != std::errc() || stop != end) return {};
+        if (at + 2 < text.size() && text[at + 2] != ':') return {};
+        address += static_cast<char>(value);
+    }
+    return address;
+}
+
+std::string user_name(std::uint32_t uid) {
+    const passwd *user = ::getpwuid(uid);
+    return user == nullptr ? "" : user->pw_name;
 }
 
 std::string id_text(std::uint32_t service_id) {

@@ -1,6 +1,8 @@
 // The words for scopes, roles and nodes.
 #pragma once
+#include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -24,6 +26,12 @@ std::string issu_cell(const v1::Instance &instance);
 std::string node_text(std::string_view address);
 // The same, but "local" for this node.
 std::string node_cell(const v1::Instance &instance);
+
+// Reads what node_text() writes; nothing when it is no address. Not empty.
+std::optional<std::string> parse_node(std::string_view text);
+
+// The name of a user of this machine; empty when there is none with that number.
+std::string user_name(std::uint32_t uid);
 
 // "0x1a".
 std::string id_text(std::uint32_t service_id);

@@ -230,6 +230,9 @@ typedef struct ds_client_info {
     const char *daemon_version; /* of the last connection; never NULL */
     uint8_t node[6];            /* Ethernet address of this node, of the last connection */
     uint8_t reserved[2];        /* 0 */
+    uint32_t status;            /* DS_CLIENT_STATUS_ ... of the last loss when the daemon said why,
+                                   as it does for REFUSED; else DS_CLIENT_STATUS_OK */
+    uint32_t reserved_2;        /* 0 */
 } ds_client_info_t;
 
 /* Fills what *info has room for; set info->size before. ARGUMENT. */

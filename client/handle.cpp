@@ -108,6 +108,7 @@ void ds_client_handle::get_info(ds_client_info_t &info) const {
     info.state = state_;
     info.error = error_;
     info.reason = reason_.c_str();
+    info.status = static_cast<std::uint32_t>(status_);
     info.session = is_connected() ? hello_.session() : 0;
     info.connect_count = connect_count_;
     info.daemon_version = hello_.daemon_version().c_str();
@@ -259,6 +260,15 @@ void ds_client_handle::lose(Outcome outcome) noexcept {
     lose(error_of(outcome.failure), std::move(outcome.text));
 }
 
+// The daemon ended the connection and said why. A refusal is no fault of the conversation.
+void ds_client_handle::lose(ds::v1::Reply &reply) noexcept {
+    const bool is_fault =
+        reply.status() == ds::v1::STATUS_PROTOCOL || reply.status() == ds::v1::STATUS_OK;
+    lose(is_fault ? DS_CLIENT_ERROR_PROTOCOL : DS_CLIENT_ERROR_REFUSED,
+         std::move(*reply.mutable_text()));
+    status_ = reply.status();
+}
+
 // What was told before stays; what was wanted is wanted again.
 void ds_client_handle::lose(int error, std::string reason) noexcept {
     stream_.close();
@@ -270,6 +280,7 @@ void ds_client_handle::lose(int error, std::string reason) noexcept {
     state_ = DS_CLIENT_DISCONNECTED;
     state_is_news_ = true;
     error_ = error;
+    status_ = ds::v1::STATUS_OK;
     reason_ = std::move(reason);
     in_flight_.clear();
     work_.clear();

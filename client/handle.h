@@ -112,6 +112,7 @@ struct ds_client_handle {
     void tell_all();
     void lose(int error, std::string reason) noexcept;
     void lose(ds::client::Outcome outcome) noexcept;
+    void lose(ds::v1::Reply &reply) noexcept;
     void schedule(std::uint32_t wait_ms) noexcept;
     void arm(int result) noexcept;
     void arm_timer(bool now) noexcept;
@@ -130,6 +131,7 @@ struct ds_client_handle {
     ds_client_state_t state_ = DS_CLIENT_CONNECTING;
     bool state_is_news_ = false;
     int error_ = DS_CLIENT_OK;
+    ds::v1::Status status_ = ds::v1::STATUS_OK; // that the last loss was told with
     std::string reason_;
     ds::v1::HelloReply hello_;
     std::uint64_t connect_count_ = 0;

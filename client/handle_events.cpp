@@ -94,7 +94,7 @@ void ds_client_handle::take_event(ds::v1::Event &event) {
 
 void ds_client_handle::take_reply(ds::v1::Reply &reply) {
     if (reply.seq() == 0 || reply.status() == ds::v1::STATUS_PROTOCOL) {
-        lose(DS_CLIENT_ERROR_PROTOCOL, std::move(*reply.mutable_text()));
+        lose(reply);
         return;
     }
     if (in_flight_.empty() || in_flight_.front().seq != reply.seq()) {
@@ -114,7 +114,7 @@ void ds_client_handle::take_reply(ds::v1::Reply &reply) {
 
 void ds_client_handle::take_greeting(ds::v1::Reply &reply) {
     if (reply.status() != ds::v1::STATUS_OK) {
-        lose(DS_CLIENT_ERROR_REFUSED, std::move(*reply.mutable_text()));
+        lose(reply);
         return;
     }
     const std::uint32_t spoken = reply.hello().protocol();
@@ -127,6 +127,7 @@ void ds_client_handle::take_greeting(ds::v1::Reply &reply) {
     connected_at_ = std::chrono::steady_clock::now();
     due_ = give_up_at_ = ds::client::no_deadline;
     error_ = DS_CLIENT_OK;
+    status_ = ds::v1::STATUS_OK;
     reason_.clear();
     state_ = DS_CLIENT_CONNECTED;
     state_is_news_ = true;

@@ -5,8 +5,8 @@
 #include "cli/directory.h"
 #include "cli/endpoint.h"
 #include "cli/help.h"
-#include "cli/json.h"
 #include "cli/output.h"
+#include "cli/records.h"
 #include "cli/vocabulary.h"
 
 namespace ds::cli {
@@ -64,10 +64,8 @@ int show(const Context &context, const std::string &name) {
         if (found.reconciling()) note_reconciling();
         return exit_not_found;
     }
-    if (context.format == Format::json) {
-        print(json_document(snapshot_json(found)));
-    } else if (context.format == Format::jsonl) {
-        print(json_line(snapshot_json(found)));
+    if (context.is_json()) {
+        print_object(context, snapshot_json(found));
     } else {
         print(snapshot_text(found, context.color()));
     }

@@ -62,16 +62,15 @@ struct Options {
 };
 
 int ask_directory(const Context &context, std::string &directory) {
-    client::Connection connection;
-    if (const int code = connect(context, connection); code != exit_ok) {
+    Daemon daemon;
+    if (const int code = connect(context, daemon); code != exit_ok) {
         complain("--dir DIRECTORY reads the trace that a dead daemon left");
         return code;
     }
     v1::Request request;
     request.mutable_status();
     v1::Reply reply;
-    const client::Outcome outcome =
-        connection.call(request, reply, client::deadline_in(answer_time));
+    const client::Outcome outcome = daemon.call(request, reply, client::deadline_in(answer_time));
     if (!outcome.ok()) return fail("cannot ask where the trace is", outcome);
     directory = reply.status_info().trace_directory();
     if (!directory.empty()) return exit_ok;
@@ -212,13 +211,6 @@ int trace(const Context &context, Options options) {
     return Printer(context, options).run();
 }
 
-std::string check_channel(const std::string &text) {
-    for (const char *known : {"pub", "reg", "err", "notif", "main"}) {
-        if (text == known) return "";
-    }
-    return "the channels are pub, reg, err, notif and main";
-}
-
 std::string check_count(const std::string &text) {
     const bool is_number = text.find_first_not_of("0123456789") == text.npos && text.size() < 10;
     return is_number ? "" : '\'' + text + "' is no number of records";
@@ -241,7 +233,7 @@ void add_filters(CLI::App &app, Options &options) {
     app.add_option("--channel", options.filter.channels, "This channel; may be given several times")
         ->type_name("CHANNEL")
         ->allow_extra_args(false)
-        ->check(check_channel)
+        ->check(one_of({"pub", "reg", "err", "notif", "main"}))
         ->group(group);
     app.add_option("--tag", options.filter.tags, "Tags like this, with * and ?; several times")
         ->type_name("PATTERN")

@@ -143,6 +143,24 @@ TEST_F(ClientTest, a_refused_greeting_tells_the_reason_of_the_daemon) {
     EXPECT_EQ(told_.back(), "disconnected -10 not for you");
 }
 
+TEST_F(ClientTest, a_connection_refused_before_the_greeting_tells_status_and_reason) {
+    make();
+    pump();
+    peer_.accept();
+    v1::Event event;
+    event.mutable_reply()->set_status(v1::STATUS_LIMIT);
+    event.mutable_reply()->set_text("full");
+
+    peer_.send(event);
+    await([&] { return told_.back().starts_with("disconnected"); });
+
+    ds_client_info_t info{};
+    info.size = sizeof info;
+    ASSERT_EQ(ds_client_get_info(handle_, &info), DS_CLIENT_OK);
+    EXPECT_EQ(told_.back(), "disconnected -10 full");
+    EXPECT_EQ(info.status, std::uint32_t{DS_CLIENT_STATUS_LIMIT});
+}
+
 TEST_F(ClientTest, a_version_that_it_does_not_speak_is_a_protocol_error) {
     make();
     pump();

@@ -283,7 +283,7 @@ TEST_F(Policy, the_limit_of_all_sessions_is_told_as_such) {
 
     EXPECT_EQ(refusal_of_connection(daemon),
               "The daemon has 1 of 1 sessions; limits.sessions_total changes it.");
-    EXPECT_EQ(run_dsctl(daemon.socket(), {"status"}).exit.code, 1);
+    EXPECT_EQ(run_dsctl(daemon.socket(), {"status"}).exit, (Exit{6, 0}));
     EXPECT_EQ(client.status().sessions_total(), 1u);
 }
 
