@@ -106,10 +106,9 @@ std::string values_of(const CLI::Option &option, const std::string &long_name) {
     const std::string type = option.get_type_name();
     if (type == "PATH") return "kind=files";
     if (type == "DIRECTORY") return "kind=directories";
-    for (const char *named : {"--name", "NAME", "PATTERN"}) {
-        if (long_name == named) return "kind=names";
-    }
-    return "";
+    const bool is_name =
+        (long_name == "--name" && type == "NAME") || long_name == "NAME" || long_name == "PATTERN";
+    return is_name ? "kind=names" : "";
 }
 
 struct Script {

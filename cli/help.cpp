@@ -7,7 +7,7 @@ namespace {
 
 constexpr char exit_codes[] = "Exit codes:\n"
                               "  0 ok   1 failure   2 usage   3 not found   4 daemon unreachable\n"
-                              "  5 timeout   6 denied\n";
+                              "  5 timeout   6 denied, by a rule or a limit\n";
 
 // The parser tells the name of a type and behind it what the checks of the option are called. Only
 // those of one_of() are called something: their words.

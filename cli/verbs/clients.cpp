@@ -55,7 +55,7 @@ Action prepare_clients(CLI::App &options) {
     options.description(description);
     options.footer(examples);
     options.add_option("--name", *name, "Only clients of this name")
-        ->type_name("NAME")
+        ->type_name("CLIENT")
         ->check(check_name);
     return [name](const Context &context) { return clients(context, *name); };
 }

@@ -105,5 +105,43 @@ TEST(Output, utc_times_are_in_iso_form) {
     EXPECT_EQ(iso_text(1'700'000'000'123'000'000), "2023-11-14T22:13:20.123Z");
 }
 
+TEST(Output, times_keep_their_nanoseconds_for_machines) {
+    EXPECT_EQ(rfc3339_text(1'700'000'000'000'000'007), "2023-11-14T22:13:20.000000007Z");
+}
+
+TEST(Output, ages_are_told_in_their_two_largest_units) {
+    constexpr std::uint64_t second = 1'000'000'000;
+    EXPECT_EQ(age_text(0), "0ms");
+    EXPECT_EQ(age_text(second - 1), "999ms");
+    EXPECT_EQ(age_text(12 * second), "12s");
+    EXPECT_EQ(age_text(330 * second), "5m30s");
+    EXPECT_EQ(age_text(7'500 * second), "2h5m");
+    EXPECT_EQ(age_text((3 * 86'400 + 4 * 3'600 + 59) * second), "3d4h");
+}
+
+TEST(Output, what_is_still_to_come_has_no_age) {
+    EXPECT_EQ(age_ns(5, 7), 2u);
+    EXPECT_EQ(age_ns(7, 5), 0u);
+}
+
+TEST(Output, a_table_in_pages_has_one_header_and_columns_that_only_grow) {
+    Table table({"NAME", "X"});
+    table.add({"abcdef", "1"});
+
+    EXPECT_EQ(table.take_page(false), "NAME    X\n"
+                                      "abcdef  1\n");
+    EXPECT_EQ(table.take_page(false), "");
+    table.add({"a", "2"});
+    table.add({"abcdefgh", "3"});
+    EXPECT_EQ(table.take_page(false), "a         2\n"
+                                      "abcdefgh  3\n");
+}
+
+TEST(Output, fields_stand_below_each_other_and_keep_their_blanks) {
+    EXPECT_EQ(fields_text({{"queued", "1.5 KiB"}, {"relay", ""}}, false), "FIELD   VALUE\n"
+                                                                          "queued  1.5 KiB\n"
+                                                                          "relay   -\n");
+}
+
 } // namespace
 } // namespace ds::cli
