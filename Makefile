@@ -4,7 +4,7 @@ MAKEFLAGS += --no-print-directory
 BENCH_ARGS ?=
 SECONDS ?= 30
 
-.PHONY: help setup build run test test-dev test-asan fuzz bench docs format lint coverage clean
+.PHONY: help setup build run test test-dev test-asan fuzz bench package docs format lint coverage clean
 
 help: ## show this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-10s %s\n", $$1, $$2 }' Makefile
@@ -38,6 +38,10 @@ fuzz: ## fuzz each target for SECONDS (30) from its corpus
 bench: ## run the benchmarks (BENCH_ARGS for the daemon's load generator)
 	@tools/setup.sh build bench
 	@tools/bench.sh $(BENCH_ARGS)
+
+package: ## build Debian packages of daemon and client library (build/packages)
+	@tools/setup.sh build package
+	@tools/package.sh
 
 docs: ## print docs/log_points.md anew from the table of log points
 	@tools/setup.sh build test

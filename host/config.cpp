@@ -10,6 +10,7 @@
 
 #include "host/config_file.h"
 #include "host/config_keys.h"
+#include "host/message.h"
 
 namespace ds::host {
 
@@ -20,19 +21,28 @@ std::string variable(const char *name) {
     return value == nullptr ? "" : value;
 }
 
-// A service manager gives root's daemon /run; a user's daemon lives in the user's own runtime
-// directory.
+// The first of the directories that a service manager gives under this name, or nothing.
+std::string directory_of_manager(const char *name) {
+    const std::string paths = variable(name);
+    return paths.substr(0, paths.find(':'));
+}
+
+// A service manager gives a directory below /run, whoever the daemon runs as; a user's daemon lives
+// in the user's own runtime directory.
 std::string default_runtime_dir() {
+    if (const std::string dir = directory_of_manager("RUNTIME_DIRECTORY"); !dir.empty()) return dir;
     const std::string user_dir = variable("XDG_RUNTIME_DIR");
     return geteuid() != 0 && !user_dir.empty() ? user_dir + "/ds" : "/run/ds";
 }
 
 // Empty when there is no file at the usual place, which need not be.
 std::string default_file() {
+    const std::string system_dir = directory_of_manager("CONFIGURATION_DIRECTORY");
     const std::string user_dir = variable("XDG_CONFIG_HOME");
-    std::string file = geteuid() == 0     ? "/etc/ds/ds.toml"
-                       : user_dir.empty() ? variable("HOME") + "/.config/ds/ds.toml"
-                                          : user_dir + "/ds/ds.toml";
+    std::string file = !system_dir.empty() ? system_dir + "/ds.toml"
+                       : geteuid() == 0    ? "/etc/ds/ds.toml"
+                       : user_dir.empty()  ? variable("HOME") + "/.config/ds/ds.toml"
+                                           : user_dir + "/ds/ds.toml";
     std::error_code error;
     return std::filesystem::exists(file, error) ? file : "";
 }
@@ -45,18 +55,27 @@ void override_with(const std::optional<std::string> &given, std::string &value) 
     if (given) value = *given;
 }
 
-// The paths and the address that are left to the daemon.
+std::string absolute(const std::string &path) {
+    return path.starts_with('/') ? path
+                                 : std::filesystem::absolute(path).lexically_normal().string();
+}
+
+// The paths and the address that are left to the daemon. A client in another working directory is
+// told of the paths, so they are absolute from here on.
 void fill_in(Config &config) {
     if (config.runtime_dir.empty()) config.runtime_dir = default_runtime_dir();
     if (config.socket.empty()) config.socket = config.runtime_dir + "/ds.sock";
+    if (config.trace_dir.empty()) config.trace_dir = directory_of_manager("LOGS_DIRECTORY");
     if (config.trace_dir.empty()) config.trace_dir = config.runtime_dir + "/trace";
+    for (std::string *path : {&config.runtime_dir, &config.socket, &config.trace_dir})
+        *path = absolute(*path);
     config.node = config.node_address.empty() ? first_ethernet_address()
                                               : *parse_node_address(config.node_address);
 }
 
-int tell(const ConfigError &error) {
+int complain(const ConfigError &error) {
     for (const std::string &line : error.lines())
-        std::fprintf(stderr, "%s\n", line.c_str());
+        tell_line(Severity::error, line);
     return exit_usage;
 }
 
@@ -69,7 +88,7 @@ int check_file(const std::string &named) {
     try {
         load_config(file);
     } catch (const ConfigError &error) {
-        return tell(error);
+        return complain(error);
     }
     std::printf("%s: ok\n", file.c_str());
     return exit_ok;
@@ -137,6 +156,11 @@ std::optional<int> parse_command_line(int argc, const char *const *argv, Config 
                  "Local processes connect to its socket to publish services and to watch names.\n"
                  "SIGTERM and SIGINT stop it, SIGHUP reads rules and limits again.",
                  "dsd");
+    app.footer(
+        "Exit codes:\n"
+        "  0 stopped by a signal, or done   1 cannot start or go on   2 usage or configuration\n"
+        "\n"
+        "See dsd(8), ds.toml(5), dsctl(1).");
     CommandLine given;
     Modes modes;
     add_options(app, given, modes);
@@ -152,7 +176,7 @@ std::optional<int> parse_command_line(int argc, const char *const *argv, Config 
     try {
         config = read_configuration(given);
     } catch (const ConfigError &error) {
-        return tell(error);
+        return complain(error);
     }
     if (modes.print) return run_modes(given, modes, config);
     return std::nullopt;

@@ -12,7 +12,8 @@
 
 namespace ds::host {
 
-// What was written on the command line.
+// What was written on the command line. A socket that the service manager passes counts as written
+// there: it is above the file.
 struct CommandLine {
     std::optional<std::string> file;
     std::optional<std::string> runtime_dir;
@@ -26,9 +27,10 @@ struct CommandLine {
 // The values of the file's keys are as an empty file would leave them; the keys themselves are in
 // config_keys.cpp.
 struct Config {
+    // Paths are absolute once the configuration was read: other processes are told of them.
     std::string runtime_dir; // empty: the user's
     std::string socket;      // empty: in the runtime directory
-    std::string trace_dir;   // empty: in the runtime directory
+    std::string trace_dir;   // empty: the service manager's, else in the runtime directory
     std::string node_address;
     std::string socket_group;               // empty: the daemon's
     std::uint64_t socket_mode = 0666;       // permission bits

@@ -33,7 +33,8 @@ const Key keys[] = {
     // clang-format off
     {"daemon", "runtime_dir", DS_TARGET(runtime_dir), 0, path_bytes_max, false,
      "Directory of the socket, the lock and the traces; made if missing. "
-     "Empty: /run/ds for root, else the directory ds in $XDG_RUNTIME_DIR."},
+     "Empty: $RUNTIME_DIRECTORY, else /run/ds for root, else the directory ds in "
+     "$XDG_RUNTIME_DIR."},
     {"daemon", "socket", DS_TARGET(socket), 0, socket_path_bytes_max, false,
      "Socket for clients. Empty: ds.sock in the runtime directory."},
     {"daemon", "socket_mode", DS_TARGET(socket_mode), 0, 0777, false,
@@ -42,7 +43,7 @@ const Key keys[] = {
      "Group of the socket, a name or a number. Empty: the daemon's own.",
      Notation::plain, check_group},
     {"daemon", "trace_dir", DS_TARGET(trace_dir), 0, path_bytes_max, false,
-     "Directory of the trace rings. Empty: trace in the runtime directory."},
+     "Directory of the trace rings. Empty: $LOGS_DIRECTORY, else trace in the runtime directory."},
     {"daemon", "node_address", DS_TARGET(node_address), 0, 17, false,
      "Ethernet address that identifies this node. Empty: that of the first interface.",
      Notation::plain, check_node_address},

@@ -4,8 +4,9 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
+
+#include "host/message.h"
 
 namespace ds::host {
 
@@ -48,7 +49,7 @@ void Listener::on_ready(std::uint32_t) {
 void Listener::pause() {
     const int reason = errno;
     if (!starved_)
-        std::fprintf(stderr, "dsd: connections have to wait: %s\n", std::strerror(reason));
+        tell(Severity::warning, std::string("connections have to wait: ") + std::strerror(reason));
     starved_ = true;
     loop_.change(socket_.get(), 0, *this);
     loop_.arm(resume_, loop_.now_ns() + pause_ns);

@@ -7,13 +7,13 @@
 #include <cstdio>
 #include <exception>
 
-#include <systemd/sd-daemon.h>
-
 #include "host/config.h"
 #include "host/loop.h"
+#include "host/message.h"
 #include "host/reload.h"
 #include "host/runtime_directory.h"
 #include "host/server.h"
+#include "host/service_manager.h"
 #include "host/users.h"
 #include "platform_default/platform_default.h"
 #include "relay/none.h"
@@ -41,11 +41,41 @@ host::SocketAccess access_of(const host::Config &config) {
     return access;
 }
 
-void tell_manager_of_reload(const host::Loop &loop) {
-    constexpr std::uint64_t ns_per_us = 1'000;
-    const std::string us = std::to_string(loop.now_ns() / ns_per_us);
-    sd_notify(0, ("RELOADING=1\nMONOTONIC_USEC=" + us).c_str());
+std::string description_of(host::Server &server) {
+    const host::Directory::Totals totals = server.directory().totals();
+    return std::to_string(server.sessions().count()) + " sessions, " +
+           std::to_string(totals.services) + " services, " + std::to_string(totals.registrations) +
+           " registrations";
 }
+
+// The file of a socket that was passed is its maker's: it stays when the daemon ends.
+class ListeningSocket {
+  public:
+    // A socket that is passed is above the configured one.
+    explicit ListeningSocket(host::Config &config) {
+        host::PassedSocket passed = host::take_passed_socket();
+        if (!passed.fd) {
+            fd_ = host::listen_at(config.socket, access_of(config));
+            own_path_ = config.socket;
+            return;
+        }
+        if (passed.path != config.socket)
+            host::tell(host::Severity::notice, "listening on " + passed.path +
+                                                   " as the service manager wants it, not on " +
+                                                   config.socket);
+        fd_ = std::move(passed.fd);
+        config.socket = passed.path;
+        config.given.socket = passed.path;
+    }
+    void remove_file() const {
+        if (!own_path_.empty()) unlink(own_path_.c_str());
+    }
+    host::UniqueFd take() { return std::move(fd_); }
+
+  private:
+    host::UniqueFd fd_;
+    std::string own_path_;
+};
 
 void run(host::Config config) {
     const host::RuntimeDirectory runtime_directory(config.runtime_dir);
@@ -55,25 +85,26 @@ void run(host::Config config) {
 
     host::Loop loop;
     relay::NoEngine engine;
-    host::UniqueFd socket = host::listen_at(config.socket, access_of(config));
+    ListeningSocket socket(config);
     host::PublicationSum sum(config.runtime_dir + "/published");
-    host::Server server(loop, config, engine, sum, std::move(socket));
+    host::Server server(loop, config, engine, sum, socket.take());
+    host::ServiceManager manager(loop, [&server] { return description_of(server); });
     loop.watch_signals({SIGTERM, SIGINT, SIGHUP}, [&](int signal) {
         if (signal == SIGHUP) {
-            tell_manager_of_reload(loop);
+            manager.reloading();
             if (host::reload_policy(config)) server.set_policy(config.rules, config.limits);
-            sd_notify(0, "READY=1");
+            manager.ready();
         } else {
-            sd_notify(0, "STOPPING=1");
+            manager.stopping();
             server.stop();
         }
     });
 
-    sd_notify(0, "READY=1");
+    manager.ready();
     std::printf("dsd: ready on %s\n", config.socket.c_str());
     std::fflush(stdout);
     loop.run();
-    unlink(config.socket.c_str());
+    socket.remove_file();
 }
 
 } // namespace
@@ -87,7 +118,7 @@ int main(int argc, char **argv) {
     try {
         run(config);
     } catch (const std::exception &error) {
-        std::fprintf(stderr, "dsd: %s\n", error.what());
+        host::tell(host::Severity::error, error.what());
         return host::exit_failure;
     }
     return host::exit_ok;

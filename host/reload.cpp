@@ -4,6 +4,7 @@
 
 #include "host/config_file.h"
 #include "host/config_keys.h"
+#include "host/message.h"
 
 namespace ds::host {
 
@@ -12,8 +13,7 @@ namespace {
 void tell_of_restart(const Config &running, const Config &read) {
     for (const Key &key : config_keys())
         if (!key.can_reload && !has_same_value(key, running, read))
-            std::fprintf(stderr, "dsd: %s has changed; it needs a restart\n",
-                         full_name(key).c_str());
+            tell(Severity::notice, full_name(key) + " has changed; it needs a restart");
 }
 
 } // namespace
@@ -24,9 +24,9 @@ bool reload_policy(Config &config) {
         read = read_configuration(config.given);
     } catch (const ConfigError &error) {
         for (const std::string &line : error.lines())
-            std::fprintf(stderr, "dsd: %s\n", line.c_str());
-        std::fprintf(stderr, "dsd: the configuration stays as it was; errors: %zu\n",
-                     error.lines().size());
+            tell(Severity::error, line);
+        tell(Severity::error,
+             "the configuration stays as it was; errors: " + std::to_string(error.lines().size()));
         return false;
     }
     tell_of_restart(config, read);

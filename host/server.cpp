@@ -2,11 +2,11 @@
 
 #include <sys/socket.h>
 
-#include <cstdio>
 #include <system_error>
 #include <utility>
 
 #include "host/handlers.h"
+#include "host/message.h"
 #include "host/wire.h"
 
 namespace ds::host {
@@ -22,7 +22,8 @@ constexpr std::uint64_t ns_per_ms = 1'000'000;
 Server::Server(Loop &loop, const Config &config, relay::Engine &engine, PublicationSum &sum,
                UniqueFd listening_socket)
     : loop_(loop), config_(config), engine_(engine),
-      directory_(loop, *this, engine, sum, config.node, config.console ? stderr : nullptr),
+      directory_(loop, *this, engine, sum, config.node,
+                 config.console ? console_stream() : nullptr),
       restart_(loop, directory_, engine, sum, std::chrono::milliseconds(config.restart_window_ms),
                [this] { tell_end_of_restart(); }),
       requests_(*this), rules_(config.rules), accounts_(config.limits),
@@ -54,7 +55,7 @@ void Server::accept(UniqueFd connection) {
             sessions_.add(*this, std::move(connection), credentials, account);
             counters().sessions_total++;
         } catch (const std::system_error &error) {
-            std::fprintf(stderr, "dsd: a connection is dropped: %s\n", error.what());
+            tell(Severity::warning, std::string("a connection is dropped: ") + error.what());
         }
     }
     accounts_.release(account);

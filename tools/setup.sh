@@ -1,15 +1,16 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that the project needs and this machine lacks.
-# usage: tools/setup.sh [build] [test] [bench] [coverage] [lint]     (no word: build test)
+# usage: tools/setup.sh [build] [test] [bench] [coverage] [lint] [package]     (no word: build test)
 # Says what it installs; quick and silent about the rest when nothing is missing.
 set -euo pipefail
 
 declare -A sets=(
   [build]="g++ make cmake ninja-build ccache pkg-config libboost1.81-dev protobuf-compiler libprotobuf-dev
            libcli11-dev libtomlplusplus-dev nlohmann-json3-dev libsystemd-dev"
-  [test]="git clang-14 libclang-rt-14-dev libgtest-dev libgmock-dev python3"
+  [test]="git clang-14 libclang-rt-14-dev libgtest-dev libgmock-dev python3 groff-base"
   [bench]="libbenchmark-dev libhiredis-dev redis-server dbus-broker python3-minimal"
   [coverage]="gcovr"
+  [package]="dpkg-dev binutils"
   [lint]="clang-tidy"
 )
 

@@ -113,6 +113,8 @@ struct Launch {
     int out = -1;                         // descriptors it gets as stdout and stderr
     int err = -1;
     rlim_t descriptors_max = 0; // 0: as the test has
+    std::vector<int> passed =
+        {}; // descriptors it gets as 3, 4 ..., as a service manager passes them
 };
 Process launch(const Launch &launch);
 

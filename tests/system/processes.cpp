@@ -56,6 +56,18 @@ void become_nobody() {
     if (setgid(nobody) != 0 || setuid(nobody) != 0) _exit(126);
 }
 
+// Says what is passed in the environment, in the name of this process.
+void pass(const std::vector<int> &descriptors) {
+    constexpr int first = STDERR_FILENO + 1, out_of_the_way = 1000;
+    std::vector<int> copies;
+    for (const int fd : descriptors)
+        copies.push_back(fcntl(fd, F_DUPFD, out_of_the_way));
+    for (std::size_t i = 0; i < copies.size(); i++)
+        dup2(copies[i], first + static_cast<int>(i));
+    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+    setenv("LISTEN_FDS", std::to_string(descriptors.size()).c_str(), 1);
+}
+
 [[noreturn]] void execute(const Launch &launch) {
     if (launch.out >= 0) dup2(launch.out, STDOUT_FILENO);
     if (launch.err >= 0) dup2(launch.err, STDERR_FILENO);
@@ -69,7 +81,8 @@ void become_nobody() {
     for (const std::string &argument : launch.arguments)
         arguments.push_back(const_cast<char *>(argument.c_str()));
     arguments.push_back(nullptr);
-    close_range(STDERR_FILENO + 1, UINT_MAX, 0);
+    if (!launch.passed.empty()) pass(launch.passed);
+    close_range(STDERR_FILENO + 1 + static_cast<unsigned>(launch.passed.size()), UINT_MAX, 0);
     execv(arguments[0], arguments.data());
     _exit(127);
 }
