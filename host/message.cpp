@@ -17,13 +17,14 @@ std::string prefix_of(Severity severity) {
     return has_journal ? "<" + std::to_string(static_cast<int>(severity)) + ">" : "";
 }
 
-// What a line-buffered stream passes on: whole lines, unless one is longer than its buffer.
+// What a line-buffered stream passes on: whole lines, unless one is longer than its buffer. Texts
+// that end their line themselves leave an empty one behind, which is dropped.
 ssize_t write_lines(void *, const char *bytes, size_t count) {
     const std::string prefix = prefix_of(Severity::debug);
     std::string out;
     for (std::string_view rest(bytes, count); !rest.empty();) {
         const std::size_t line_bytes = std::min(rest.find('\n'), rest.size() - 1) + 1;
-        out.append(prefix).append(rest.substr(0, line_bytes));
+        if (rest.front() != '\n') out.append(prefix).append(rest.substr(0, line_bytes));
         rest.remove_prefix(line_bytes);
     }
     std::fwrite(out.data(), 1, out.size(), stderr);
