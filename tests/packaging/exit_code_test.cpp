@@ -30,25 +30,11 @@ TEST_F(ExitCode, the_help_ends_with_0_and_tells_every_exit_code) {
         << help.out;
 }
 
-TEST_F(ExitCode, the_version_ends_with_0) {
-    const Finished version = run_dsd({"--version"});
-
-    EXPECT_EQ(version.exit, (Exit{0, 0}));
-    EXPECT_TRUE(version.out.starts_with("dsd ")) << version.out;
-}
-
 TEST_F(ExitCode, a_place_that_cannot_be_used_ends_with_1) {
     const Finished refused = run_dsd({"--runtime-dir", "/dev/null/ds"});
 
     EXPECT_EQ(refused.exit, (Exit{1, 0}));
     EXPECT_EQ(refused.err, "dsd: cannot make the directory /dev/null/ds: Not a directory\n");
-}
-
-TEST_F(ExitCode, an_unknown_option_ends_with_2) {
-    const Finished refused = run_dsd({"--colour"});
-
-    EXPECT_EQ(refused.exit, (Exit{2, 0}));
-    EXPECT_NE(refused.err.find("--colour"), refused.err.npos) << refused.err;
 }
 
 TEST_F(ExitCode, a_configuration_with_an_error_ends_with_2) {

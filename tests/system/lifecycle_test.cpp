@@ -1,15 +1,10 @@
 // How the daemon starts, refuses to start, and stops.
 #include <gtest/gtest.h>
 
-#include <poll.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <list>
@@ -215,44 +210,6 @@ TEST_F(Lifecycle, help_and_version_end_with_0) {
         EXPECT_NE(dsd.out.find("dsd"), dsd.out.npos) << option;
         EXPECT_EQ(dsd.err, "") << option;
     }
-}
-
-// ---- the service manager ----
-
-class Manager {
-  public:
-    explicit Manager(const std::string &path)
-        : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        std::memcpy(address.sun_path, path.data(), path.size());
-        const bool is_bound =
-            bind(socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
-        if (!is_bound) throw std::runtime_error(std::strerror(errno));
-    }
-
-    std::string next() {
-        if (!await_ready(socket_.get(), POLLIN, patience())) return "nothing came";
-        char text[256];
-        const ssize_t bytes = recv(socket_.get(), text, sizeof text, 0);
-        return {text, static_cast<std::size_t>(std::max<ssize_t>(bytes, 0))};
-    }
-
-  private:
-    Descriptor socket_;
-};
-
-TEST_F(Lifecycle, the_service_manager_is_told_readiness_and_stop) {
-    const TemporaryDirectory dir;
-    const std::string path = dir.path() + "/notify";
-    Manager manager(path);
-
-    Daemon daemon({"", {"NOTIFY_SOCKET=" + path}, 0});
-    EXPECT_EQ(manager.next(), "READY=1");
-    Client(daemon).publish("web", "", 80); // ready means that clients are served
-    daemon.stop();
-
-    EXPECT_EQ(manager.next(), "STOPPING=1");
 }
 
 } // namespace
