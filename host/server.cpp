@@ -168,9 +168,9 @@ void Server::tell_end_of_restart() {
 }
 
 void Server::end_turn() {
-    restart_.end_if_complete();
     const bool is_alone = accounts_.count() <= 1;
     shares_.run(is_alone, [this](Account &account) { serve(account); });
+    restart_.end_if_complete(); // what was just served may be the last that was missing
     remove_gone();
     if (shares_.has_work()) loop_.turn_again();
     if (is_stopping_ && sessions_.count() == 0) loop_.stop();
