@@ -18,11 +18,12 @@ struct PublicationSum::Record {
     char magic[8];
     char boot_id[40]; // of the machine's boot, as the kernel writes it
     std::uint64_t sum;
+    std::uint64_t is_inexact; // 1: there were publications while the sum was not settled
 };
 
 namespace {
 
-constexpr char magic[8] = {'d', 's', 'p', 'u', 'b', 's', '0', '1'};
+constexpr char magic[8] = {'d', 's', 'p', 'u', 'b', 's', '0', '2'};
 
 std::string machine_boot_id() {
     std::string id;
@@ -53,10 +54,10 @@ PublicationSum::PublicationSum(const std::string &path) {
     const UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!file) fail("cannot open");
     struct stat status = {};
-    const bool is_sized = fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
-                          posix_fallocate(file.get(), 0, sizeof(Record)) == 0 &&
-                          ftruncate(file.get(), sizeof(Record)) == 0;
-    if (!is_sized) fail("cannot make room in");
+    if (fstat(file.get(), &status) != 0) fail("cannot look at");
+    if (!S_ISREG(status.st_mode)) throw StartError(path + " is not a regular file");
+    errno = posix_fallocate(file.get(), 0, sizeof(Record));
+    if (errno != 0 || ftruncate(file.get(), sizeof(Record)) != 0) fail("cannot make room in");
     void *memory = mmap(nullptr, sizeof(Record), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
     if (memory == MAP_FAILED) fail("cannot map");
     record_ = static_cast<Record *>(memory);
@@ -64,11 +65,13 @@ PublicationSum::PublicationSum(const std::string &path) {
     const bool is_ours = std::memcmp(record_->magic, magic, sizeof magic) == 0 &&
                          boot_id.compare(0, sizeof record_->boot_id - 1, record_->boot_id,
                                          strnlen(record_->boot_id, sizeof record_->boot_id)) == 0;
-    if (is_ours) expected_ = record_->sum;
-    std::memset(record_, 0, sizeof *record_);
-    std::memcpy(record_->magic, magic, sizeof magic);
-    boot_id.copy(record_->boot_id, sizeof record_->boot_id - 1);
-    record_->sum = expected_;
+    if (!is_ours) {
+        std::memset(record_, 0, sizeof *record_);
+        boot_id.copy(record_->boot_id, sizeof record_->boot_id - 1);
+        std::memcpy(record_->magic, magic, sizeof magic);
+    }
+    expected_ = record_->sum;
+    is_exact_ = record_->is_inexact == 0;
 }
 
 PublicationSum::~PublicationSum() {
@@ -76,6 +79,7 @@ PublicationSum::~PublicationSum() {
 }
 
 void PublicationSum::add(std::string_view name, std::string_view instance, std::uint32_t scope) {
+    if (!is_settled_ && record_ != nullptr) record_->is_inexact = 1;
     change(hash_of(name, instance, scope));
 }
 
@@ -90,7 +94,9 @@ void PublicationSum::change(std::uint64_t by) {
 
 void PublicationSum::settle() {
     is_settled_ = true;
-    if (record_ != nullptr) record_->sum = sum_;
+    if (record_ == nullptr) return;
+    record_->sum = sum_;
+    record_->is_inexact = 0;
 }
 
 } // namespace ds::host

@@ -3,7 +3,9 @@
 // Each publication adds a hash of its name, instance and scope, each withdrawal takes it away. The
 // number lies in a mapped file of the runtime directory, so it is there however the daemon ended.
 // The next daemon knows from it whether anything was published, and, once its own number is the
-// same, that all of it is back.
+// same, that all of it is back. A daemon that dies while it still waits leaves the number it waited
+// for; what was published meanwhile may be in it or not, so the next one cannot tell from its own
+// number that all is back.
 #pragma once
 #include <cstdint>
 #include <string>
@@ -28,11 +30,11 @@ class PublicationSum {
     void remove(std::string_view name, std::string_view instance, std::uint32_t scope);
 
     // Whether the daemon before this one had publications.
-    bool had_publications() const { return expected_ != 0; }
-    // Whether exactly those are published now that were published then.
-    bool is_restored() const { return sum_ == expected_; }
-    // From here on the file follows; until then it keeps the former number, so that a daemon that
-    // dies before everything is back leaves the same expectation to the next.
+    bool had_publications() const { return expected_ != 0 || !is_exact_; }
+    // Whether exactly those are published now that were published then; never when that is not
+    // known.
+    bool is_restored() const { return is_exact_ && sum_ == expected_; }
+    // From here on the file follows; until then it keeps the former number.
     void settle();
 
   private:
@@ -42,6 +44,7 @@ class PublicationSum {
 
     std::uint64_t sum_ = 0;
     std::uint64_t expected_ = 0;
+    bool is_exact_ = true;     // nothing but what was expected had been published
     Record *record_ = nullptr; // in the mapped file
     bool is_settled_ = false;
 };

@@ -162,10 +162,7 @@ TEST_F(RestartAfterPublications, the_period_ends_with_the_window_when_one_does_n
 }
 
 TEST_F(RestartAfterPublications, a_daemon_that_dies_in_its_period_leaves_the_former_expectation) {
-    {
-        PublicationSum dying(file);
-        dying.add("restart.web", ";", v1::SCOPE_SYSTEM);
-    }
+    { const PublicationSum dying(file); }
 
     start_with_file();
     Client publisher;
@@ -177,6 +174,31 @@ TEST_F(RestartAfterPublications, a_daemon_that_dies_in_its_period_leaves_the_for
 
     EXPECT_TRUE(is_open_with_one);
     EXPECT_FALSE(server->restart().is_own_period_open());
+}
+
+TEST_F(RestartAfterPublications,
+       after_publications_in_a_period_that_was_cut_off_the_window_counts) {
+    {
+        PublicationSum dying(file);
+        dying.add("restart.late", ";", v1::SCOPE_SYSTEM);
+    }
+
+    start_with_file();
+    Client publisher;
+    publisher.hello();
+    publisher.call(publish_request("restart.web"));
+    publisher.call(publish_request("restart.mail"));
+    turn();
+    const bool is_open_with_the_former = server->restart().is_own_period_open();
+    publisher.call(publish_request("restart.late"));
+    advance_time(5 * ns_per_s);
+    turn();
+
+    EXPECT_TRUE(is_open_with_the_former);
+    EXPECT_FALSE(server->restart().is_own_period_open());
+    const PublicationSum next(file);
+    EXPECT_FALSE(next.is_restored());
+    EXPECT_TRUE(next.had_publications());
 }
 
 TEST_F(RestartTest, a_first_boot_ends_its_period_with_the_empty_list) {
