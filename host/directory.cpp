@@ -1,9 +1,11 @@
 #include "host/directory.h"
 
+#include <cerrno>
 #include <cstring>
 #include <new>
 #include <vector>
 
+#include "host/message.h"
 #include "host/names.h"
 #include "host/runtime_directory.h"
 #include "host/snapshot.h"
@@ -61,11 +63,13 @@ bool is_same(const ds_service_t *service, const ds_client_t *client, const std::
 // ---- start and callbacks ----
 
 Directory::Directory(Loop &loop, DirectoryClients &clients, relay::Engine &engine,
-                     PublicationSum &sum, const NodeAddress &node, std::FILE *console)
-    : clients_(clients), engine_(engine), sum_(sum), node_(node), timers_(loop, on_expired) {
+                     PublicationSum &sum, const Config &config)
+    : clients_(clients), engine_(engine), sum_(sum), node_(config.node), timers_(loop, on_expired) {
     directory = this;
-    if (ds_server_lib_init(nullptr) != 0) throw StartError("the trace channels cannot be opened");
-    fill_block(console);
+    if (ds_server_lib_init(nullptr) != 0)
+        throw StartError("the trace channels cannot be opened in " + config.trace_dir + ": " +
+                         std::strerror(errno));
+    fill_block(config.console ? console_stream() : nullptr);
     ds_globals_set(&block);
     if (ds_db_init() != 0) throw StartError("the database cannot be made: out of memory");
     local_node_ = reinterpret_cast<ds_node_t *>(platform_get_nodeid_from_ethaddr(node_.data()));

@@ -13,6 +13,7 @@
 #include <unordered_set>
 
 #include "ds_server_lib.h"
+#include "host/config.h"
 #include "host/loop.h"
 #include "host/node_address.h"
 #include "host/publication.h"
@@ -45,9 +46,9 @@ class Directory {
         std::uint32_t registrations = 0;
     };
 
-    // Throws StartError when the library refuses to start. `console` may be null.
+    // Throws StartError when the library refuses to start.
     Directory(Loop &loop, DirectoryClients &clients, relay::Engine &engine, PublicationSum &sum,
-              const NodeAddress &node, std::FILE *console);
+              const Config &config);
     ~Directory();
     Directory(const Directory &) = delete;
     Directory &operator=(const Directory &) = delete;

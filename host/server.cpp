@@ -21,9 +21,7 @@ constexpr std::uint64_t ns_per_ms = 1'000'000;
 
 Server::Server(Loop &loop, const Config &config, relay::Engine &engine, PublicationSum &sum,
                UniqueFd listening_socket)
-    : loop_(loop), config_(config), engine_(engine),
-      directory_(loop, *this, engine, sum, config.node,
-                 config.console ? console_stream() : nullptr),
+    : loop_(loop), config_(config), engine_(engine), directory_(loop, *this, engine, sum, config),
       restart_(loop, directory_, engine, sum, std::chrono::milliseconds(config.restart_window_ms),
                [this] { tell_end_of_restart(); }),
       requests_(*this), rules_(config.rules), accounts_(config.limits),

@@ -45,6 +45,7 @@ bool reserve(int fd, std::uint64_t bytes) {
     do {
         failure = posix_fallocate(fd, 0, static_cast<off_t>(bytes));
     } while (failure == EINTR);
+    if (failure != 0) errno = failure;
     return failure == 0;
 }
 
