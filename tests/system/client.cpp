@@ -196,7 +196,9 @@ v1::Notification Client::notification() {
 void Client::check_version(const v1::Notification &notification) {
     if (versions_.size() <= notification.handle()) versions_.resize(notification.handle() + 1);
     std::uint64_t &newest = versions_[notification.handle()];
-    if (newest != 0 && notification.snapshot().version() <= newest)
+    // The end of a restart period is told also when nothing has changed.
+    const std::uint64_t least = newest + (notification.snapshot().resynced() ? 0 : 1);
+    if (newest != 0 && notification.snapshot().version() < least)
         throw std::runtime_error("version " + std::to_string(notification.snapshot().version()) +
                                  " of " + notification.snapshot().name() + " came after " +
                                  std::to_string(newest));

@@ -82,7 +82,8 @@ class Client {
     v1::Event event();
     v1::Notification notification();
     v1::Snapshot snapshot() { return notification().snapshot(); }
-    // Takes notifications until one is as wanted. Their versions have to rise per handle.
+    // Takes notifications until one is as wanted. Their versions have to rise per handle,
+    // except at the end of a restart period.
     v1::Snapshot await(const std::function<bool(const v1::Snapshot &)> &wanted);
     v1::Snapshot await_digest(const std::string &expected);
     // Everything that the daemon has sent by now. All that it does for requests which were answered

@@ -135,23 +135,32 @@ class ClientProcess {
   public:
     class Report {
       public:
-        explicit Report(int fd) : fd_(fd) {}
+        Report(int fd, int commands) : fd_(fd), commands_(commands) {}
         void line(const std::string &text);
         [[noreturn]] void stay(); // until killed
+        // What tell() of the other side brings; readable at the end of the test, too.
+        int commands() const { return commands_; }
+        std::string next_command();
 
       private:
         int fd_;
+        int commands_;
+        std::string buffer_;
     };
 
     explicit ClientProcess(const std::function<void(Report &)> &body, bool as_nobody = false);
     std::string next_line(); // throws at the end of the process
-    void kill();             // with SIGKILL; returns when it is gone
+    void tell(const std::string &command);
+    void stop();   // with SIGSTOP; returns when it stands still
+    void resume(); // with SIGCONT
+    void kill();   // with SIGKILL; returns when it is gone
 
   private:
     static Process start(const std::function<void(Report &)> &body, bool as_nobody, int report,
-                         int other_end);
+                         int commands);
 
     Pipe pipe_;
+    Pipe commands_;
     Process process_;
     std::string buffer_;
 };

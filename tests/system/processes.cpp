@@ -262,24 +262,29 @@ void ClientProcess::Report::stay() {
         pause();
 }
 
+std::string ClientProcess::Report::next_command() {
+    return read_line(commands_, buffer_).value_or("");
+}
+
 ClientProcess::ClientProcess(const std::function<void(Report &)> &body, bool as_nobody)
-    : process_(start(body, as_nobody, pipe_.writer.get(), pipe_.reader.get())) {
+    : process_(start(body, as_nobody, pipe_.writer.get(), commands_.reader.get())) {
     pipe_.writer.reset();
+    commands_.reader.reset();
 }
 
 Process ClientProcess::start(const std::function<void(Report &)> &body, bool as_nobody, int report,
-                             int other_end) {
+                             int commands) {
     const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid < 0) fail("fork");
     if (pid > 0) return Process(pid);
     die_with(parent);
-    close(other_end);
     constexpr int report_fd = STDERR_FILENO + 1;
+    dup2(commands, STDIN_FILENO);
     if (report != report_fd) dup2(report, report_fd);
     close_range(report_fd + 1, UINT_MAX, 0);
     if (as_nobody) become_nobody();
-    Report to_parent(report_fd);
+    Report to_parent(report_fd, STDIN_FILENO);
     try {
         body(to_parent);
     } catch (const std::exception &error) {
@@ -294,6 +299,26 @@ std::string ClientProcess::next_line() {
     if (!line) throw std::runtime_error("a client process ended without a report");
     if (line->starts_with("failed: ")) throw std::runtime_error("a client process " + *line);
     return *line;
+}
+
+// A process that has ended says so in its last line; that is worth more than a signal here.
+void ClientProcess::tell(const std::string &command) {
+    const std::string bytes = command + '\n';
+    signal(SIGPIPE, SIG_IGN);
+    if (write(commands_.writer.get(), bytes.data(), bytes.size()) !=
+        static_cast<ssize_t>(bytes.size()))
+        next_line();
+}
+
+void ClientProcess::stop() {
+    process_.signal(SIGSTOP);
+    siginfo_t state = {};
+    if (waitid(P_PID, static_cast<id_t>(process_.pid()), &state, WSTOPPED | WNOWAIT) != 0)
+        fail("waitid");
+}
+
+void ClientProcess::resume() {
+    process_.signal(SIGCONT);
 }
 
 void ClientProcess::kill() {
