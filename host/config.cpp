@@ -35,14 +35,19 @@ std::string default_runtime_dir() {
     return geteuid() != 0 && !user_dir.empty() ? user_dir + "/ds" : "/run/ds";
 }
 
-// Empty when there is no file at the usual place, which need not be.
-std::string default_file() {
+// The usual place of the file.
+std::string default_path() {
     const std::string system_dir = directory_of_manager("CONFIGURATION_DIRECTORY");
     const std::string user_dir = variable("XDG_CONFIG_HOME");
-    std::string file = !system_dir.empty() ? system_dir + "/ds.toml"
-                       : geteuid() == 0    ? "/etc/ds/ds.toml"
-                       : user_dir.empty()  ? variable("HOME") + "/.config/ds/ds.toml"
-                                           : user_dir + "/ds/ds.toml";
+    return !system_dir.empty() ? system_dir + "/ds.toml"
+           : geteuid() == 0    ? "/etc/ds/ds.toml"
+           : user_dir.empty()  ? variable("HOME") + "/.config/ds/ds.toml"
+                               : user_dir + "/ds/ds.toml";
+}
+
+// Empty when there is no file at the usual place, which need not be.
+std::string default_file() {
+    const std::string file = default_path();
     std::error_code error;
     return std::filesystem::exists(file, error) ? file : "";
 }
@@ -101,11 +106,10 @@ struct Modes {
 
 void add_options(CLI::App &app, CommandLine &given, Modes &modes) {
     app.add_option("--config", given.file,
-                   "Configuration file [/etc/ds/ds.toml for root, else "
-                   "$XDG_CONFIG_HOME/ds/ds.toml, if there is one]")
+                   "Configuration file [" + default_path() + ", if it is there]")
         ->type_name("FILE");
     app.add_option("--runtime-dir", given.runtime_dir,
-                   "Directory of the socket, the lock and the traces; made if missing [" +
+                   "Directory of socket, lock and traces, made if missing [" +
                        default_runtime_dir() + "]")
         ->type_name("DIR");
     app.add_option("--socket", given.socket, "Socket for clients [DIR/ds.sock]")->type_name("PATH");
@@ -154,7 +158,7 @@ Config read_configuration(const CommandLine &given) {
 std::optional<int> parse_command_line(int argc, const char *const *argv, Config &config) {
     CLI::App app("dsd - the directory service daemon.\n\n"
                  "Local processes connect to its socket to publish services and to watch names.\n"
-                 "SIGTERM and SIGINT stop it, SIGHUP reads rules and limits again.",
+                 "SIGTERM and SIGINT stop it, SIGHUP reads rules and limits again.\n",
                  "dsd");
     app.footer(
         "Exit codes:\n"
@@ -164,6 +168,8 @@ std::optional<int> parse_command_line(int argc, const char *const *argv, Config 
     CommandLine given;
     Modes modes;
     add_options(app, given, modes);
+    constexpr std::size_t options_width = 26;
+    app.get_formatter()->column_width(options_width);
     app.set_version_flag("--version", std::string("dsd ") + daemon_version(),
                          "Print the version and exit");
     app.get_option("--help")->description("Print this help and exit");
