@@ -20,6 +20,12 @@ std::string trimmed(std::string text) {
     return text;
 }
 
+std::string lower(std::string word) {
+    for (char &c : word)
+        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    return word;
+}
+
 } // namespace
 
 HelpText::HelpText(std::map<std::string, std::string> short_help)
@@ -89,20 +95,18 @@ std::string HelpText::make_option_name(const CLI::Option *option, bool positiona
     return text;
 }
 
-std::string lower(std::string word) {
-    for (char &c : word)
-        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    return word;
-}
-
 CLI::Validator one_of(std::vector<std::string> words) {
     std::string description;
     for (const std::string &word : words)
         description += (description.empty() ? "" : std::string(1, word_end)) + word;
-    const auto check = [words = std::move(words)](const std::string &given) -> std::string {
+    const auto check = [words = std::move(words)](std::string &given) -> std::string {
+        const std::string wanted = lower(given);
         std::string known;
         for (const std::string &word : words) {
-            if (word == lower(given)) return "";
+            if (word == wanted) {
+                given = wanted;
+                return "";
+            }
             known += (known.empty() ? "" : ", ") + word;
         }
         return '\'' + given + "' is none of " + known;

@@ -34,11 +34,11 @@ class HelpText : public CLI::Formatter {
     std::map<std::string, std::string> short_help_;
 };
 
-// Takes one of the words, in any case. words_of() finds them in an option that is checked with it.
+// For CLI::Option::transform(): takes one of the words, in any case, and makes it lower case.
+// words_of() finds them in the option.
 CLI::Validator one_of(std::vector<std::string> words);
 // Empty when the option takes something else.
 std::vector<std::string> words_of(const CLI::Option &option);
-std::string lower(std::string word);
 
 // An option, or an argument, whose value is one of some words.
 template <class Value, class Target>
@@ -47,10 +47,8 @@ CLI::Option *add_word_option(CLI::App &app, const std::string &flags, Target &ta
     std::vector<std::string> known;
     for (const auto &[word, value] : words)
         known.push_back(word);
-    const auto take = [&target, &words](const std::string &word) {
-        target = words.at(lower(word));
-    };
-    return app.add_option_function<std::string>(flags, take, help)->check(one_of(known));
+    const auto take = [&target, &words](const std::string &word) { target = words.at(word); };
+    return app.add_option_function<std::string>(flags, take, help)->transform(one_of(known));
 }
 
 // --socket, --output, --no-color and --help. They may stand before and behind the verb.

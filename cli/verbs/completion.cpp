@@ -24,7 +24,7 @@ Action prepare_completion(CLI::App &options) {
     options.add_option("SHELL", "Which shell: bash")
         ->required()
         ->type_name("")
-        ->check(one_of({"bash"}));
+        ->transform(one_of({"bash"}));
     const CLI::App *all = options.get_parent();
     return [all](const Context &) {
         print(bash_completion(*all));

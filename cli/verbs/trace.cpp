@@ -230,10 +230,11 @@ std::string check_expression(const std::string &text) {
 
 void add_filters(CLI::App &app, Options &options) {
     constexpr char group[] = "Filters (every one that is given must hold)";
-    app.add_option("--channel", options.filter.channels, "This channel; may be given several times")
+    app.add_option("--channel", options.filter.channels,
+                   "pub, reg, err, notif or main; several times")
         ->type_name("CHANNEL")
         ->allow_extra_args(false)
-        ->check(one_of({"pub", "reg", "err", "notif", "main"}))
+        ->transform(one_of({"pub", "reg", "err", "notif", "main"}))
         ->group(group);
     app.add_option("--tag", options.filter.tags, "Tags like this, with * and ?; several times")
         ->type_name("PATTERN")

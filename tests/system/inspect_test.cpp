@@ -170,6 +170,17 @@ TEST_F(Inspect, what_a_dump_cannot_be_ends_with_2_before_the_daemon_is_asked) {
     }
 }
 
+TEST_F(Inspect, words_are_taken_in_any_case) {
+    Client client(daemon);
+    client.publish("web", "", 80);
+
+    const std::string dump = out_of({"dump", "SERVICES", "--scope", "Local", "-o", "JSONL"});
+    const std::string records = out_of({"trace", "--channel", "PUB", "--name", "web"});
+
+    EXPECT_TRUE(dump.starts_with("{\"name\":\"web\"")) << dump;
+    EXPECT_TRUE(holds(records, "DS_PUBLISH")) << records;
+}
+
 TEST_F(Inspect, registrations_are_dumped_for_names_that_nobody_publishes) {
     Client watcher(daemon, "eye");
     watcher.watch("nothing");
