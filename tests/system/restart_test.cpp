@@ -4,8 +4,11 @@
 
 #include <csignal>
 #include <fstream>
+#include <stdexcept>
+#include <utility>
 
 #include "client.h"
+#include "client/ds_client.h"
 #include "crew.h"
 #include "harness.h"
 
@@ -34,10 +37,15 @@ class Restart : public testing::Test {
     std::string socket() const { return dir_.path() + "/ds.sock"; }
 
     void expect_everybody() {
-        const v1::StatusReply status = Client(*daemon).status();
+        Client client(*daemon);
+        expect_everybody(client, 0);
+    }
+    static void expect_everybody(Client &client, int own_registrations) {
+        const v1::StatusReply status = client.status();
         EXPECT_EQ(status.services(), static_cast<std::uint32_t>(Crew::clients_count));
         EXPECT_EQ(status.registrations(),
-                  static_cast<std::uint32_t>(Crew::clients_count * Crew::watches_per_client));
+                  static_cast<std::uint32_t>(Crew::clients_count * Crew::watches_per_client +
+                                             own_registrations));
     }
 
   private:
@@ -144,6 +152,65 @@ TEST_F(Restart, endpoints_that_changed_meanwhile_are_told_as_changes) {
 
     EXPECT_GT(crew.settle(mover), 0u);
     expect_everybody();
+}
+
+// ---- under load ----
+
+// Publishes, changes and withdraws without a pause, until killed; with each step the daemon may
+// die.
+[[noreturn]] void make_noise(const std::string &socket, ClientProcess::Report &report) {
+    const auto check = [](int error) {
+        if (error != DS_CLIENT_OK) throw std::runtime_error(ds_client_strerror(error));
+    };
+    ds_client_options_t options{};
+    options.size = sizeof options;
+    options.socket = socket.c_str();
+    options.backoff_first_ms = 2;
+    options.backoff_max_ms = 40;
+    ds_client_handle_t *handle = nullptr;
+    check(ds_client_create(&options, &handle));
+    ds_client_service_t service{};
+    service.size = sizeof service;
+    service.name = "noise";
+    service.instance = "steady";
+    service.scope = DS_CLIENT_SCOPE_LOCAL;
+    service.ipv4_address = 0x0a000001;
+    service.ipv4_port = 1;
+    ds_publication_t *steady = nullptr, *brief = nullptr;
+    check(ds_client_publish(handle, &service, nullptr, nullptr, &steady));
+    for (std::uint32_t step = 0;; step++) {
+        service.instance = "steady";
+        service.ipv4_port = 1 + step % 60'000;
+        check(ds_client_publication_update(steady, &service));
+        const std::string instance = "brief" + std::to_string(step);
+        service.instance = instance.c_str();
+        ds_client_publication_destroy(std::exchange(brief, nullptr));
+        check(ds_client_publish(handle, &service, nullptr, nullptr, &brief));
+        check(ds_client_wait(handle, -1));
+        if (step == 1'000) report.line("loud");
+    }
+}
+
+TEST_F(Restart, kills_amid_a_flood_of_changes_are_not_seen_by_a_hundred_clients) {
+    start();
+    Crew crew(socket());
+    crew.settle();
+    ClientProcess noise([&](ClientProcess::Report &report) { make_noise(socket(), report); });
+    ASSERT_EQ(noise.next_line(), "loud");
+
+    for (int kill = 0; kill < 5; kill++)
+        kill_and_start(short_window_ms);
+
+    EXPECT_EQ(crew.settle(), 0u);
+    Client watcher(*daemon);
+    watcher.watch("noise");
+    watcher.await([](const v1::Snapshot &told) {
+        return !told.reconciling() && find_instance(told, "steady") != nullptr;
+    });
+    noise.kill();
+    watcher.await_digest("");
+    watcher.await_sessions(Crew::clients_count + 1);
+    expect_everybody(watcher, 1);
 }
 
 // ---- without the client library ----
