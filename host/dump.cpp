@@ -120,7 +120,7 @@ class Dumper {
     void fill_nested(ds_client_t *client, v1::DumpedClient &out) {
         ds_dump_client_info record = {};
         std::uint32_t services = 0;
-        ds_fill_client_services(client, &record, &walk_, &services);
+        if (!is_node_unknown_) ds_fill_client_services(client, &record, &walk_, &services);
         const std::unique_ptr<ds_dump_service_info, Freed> service_owner(record.service_infos);
         out.set_service_count(services);
         take_services(record.service_infos, record.service_infos_count, out);
