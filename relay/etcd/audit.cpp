@@ -1,0 +1,64 @@
+// Compares what is known with what the store holds, so that a change that never arrived is found.
+#include "relay/etcd/session.h"
+
+namespace ds::relay::etcd {
+
+Task<void> Session::audit() {
+    // The first one follows the list at once: a deletion that was compacted away between the list
+    // and the watch is never told.
+    while (!is_watching_)
+        co_await wait(watching_, core_.config.call_deadline);
+    for (;;) {
+        core_.counters.audits++;
+        const Differences first = co_await compare_with_store();
+        if (!first.empty()) {
+            // What was on its way has arrived when the probe has; what differs in the same manner
+            // then was missed.
+            co_await probe();
+            const Differences second = co_await compare_with_store();
+            for (const auto &difference : second) {
+                if (!first.contains(difference)) continue;
+                core_.counters.repairs++;
+                throw Failure("the audit found a difference at " + difference.first);
+            }
+        }
+        if (!failure_.empty()) throw Failure(failure_);
+        core_.give_leftovers();
+        wake_writer();
+        co_await wait(audit_timer_, core_.config.audit_interval);
+    }
+}
+
+bool Session::is_judged(const std::string &key) const {
+    if (key == node_key_) return false;
+    const auto entry = core_.keys.parse_entry(key);
+    if (entry && core_.is_own(entry->node)) return !core_.own.is_busy(key);
+    return core_.view.has_place_for(key);
+}
+
+std::int64_t Session::known_revision(const std::string &key) const {
+    const auto entry = core_.keys.parse_entry(key);
+    const bool is_own = entry && core_.is_own(entry->node);
+    return is_own ? core_.own.revision_of(key) : core_.view.revision_of(key);
+}
+
+// The keys that are not as old here as in the store. What is newer here was written after the store
+// was asked.
+Task<Session::Differences> Session::compare_with_store() {
+    const std::vector<KeyValue> items = co_await list_keys();
+    Differences differences;
+    std::set<std::string_view> stored;
+    for (const KeyValue &item : items) {
+        stored.insert(item.key);
+        if (is_judged(item.key) && known_revision(item.key) < item.mod_revision)
+            differences.insert({item.key, item.mod_revision});
+    }
+    const auto look_for = [&](const std::string &key, std::int64_t revision) {
+        if (!stored.contains(key) && is_judged(key)) differences.insert({key, -revision});
+    };
+    core_.own.for_each_key(look_for);
+    core_.view.for_each_key(look_for);
+    co_return differences;
+}
+
+} // namespace ds::relay::etcd

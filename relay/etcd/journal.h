@@ -1,0 +1,61 @@
+// What an operator wants to know afterwards: errors by text, refused entries, echo delays.
+#pragma once
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ds::relay {
+
+struct ErrorCount {
+    std::string text;
+    std::uint64_t count = 0;
+    std::uint64_t last_ns = 0; // since 1970
+};
+
+// An entry of the store, or an update of the directory, that was not accepted.
+struct Refusal {
+    std::string key;
+    std::string reason;
+};
+
+// How long a write of this node took until the node saw it come back, in microseconds.
+struct EchoDelay {
+    std::uint64_t count = 0; // since the start
+    std::uint32_t last_us = 0;
+    std::uint32_t p50_us = 0; // of the newest 1,024
+    std::uint32_t p99_us = 0;
+};
+
+} // namespace ds::relay
+
+namespace ds::relay::etcd {
+
+class Journal {
+  public:
+    void error(std::string_view text);
+    void refuse(std::string_view key, std::string_view reason);
+    void echo(std::chrono::nanoseconds delay);
+
+    std::vector<ErrorCount> errors() const { return errors_; }
+    std::vector<Refusal> refusals() const { return {refusals_.begin(), refusals_.end()}; }
+    std::uint64_t refused() const { return refused_; }
+    EchoDelay echo_delay() const;
+
+  private:
+    static constexpr std::size_t errors_kept = 16; // the oldest makes room
+    static constexpr std::size_t refusals_kept = 16;
+    static constexpr std::size_t echoes_kept = 1024;
+
+    std::vector<ErrorCount> errors_; // by first occurrence
+    std::deque<Refusal> refusals_;
+    std::uint64_t refused_ = 0;
+    std::array<std::uint32_t, echoes_kept> echoes_us_ = {};
+    std::uint64_t echo_count_ = 0;
+};
+
+} // namespace ds::relay::etcd
