@@ -32,8 +32,9 @@ Task<void> Session::claim() {
     co_await read_member();
     co_await settle_epoch();
     core_.state = State::claiming;
-    while (!co_await try_claim()) {
-    }
+    bool is_claimed = false;
+    while (!is_claimed)
+        is_claimed = co_await try_claim();
     core_.give_up_at.reset();
 }
 
