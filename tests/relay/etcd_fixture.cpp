@@ -27,8 +27,10 @@ StoreAccess::StoreAccess(asio::io_context &io, const std::string &endpoint)
 
 StoreAccess::~StoreAccess() = default;
 
+// A new connection each time: servers die in tests.
 std::string StoreAccess::call(const std::string &path, const std::string &body) {
-    return run(client_->call(path, body));
+    etcd::Client client(io_, client_->endpoint(), nullptr, 5s, 10s);
+    return run(client.call(path, body));
 }
 
 std::int64_t StoreAccess::put(const std::string &key, const std::string &value,
@@ -102,9 +104,8 @@ EtcdServer &EtcdTest::server() {
     return *server_;
 }
 
-// A new connection each time: servers die in tests.
 StoreAccess &EtcdTest::store() {
-    store_ = std::make_unique<StoreAccess>(io, server().endpoint());
+    if (!store_) store_ = std::make_unique<StoreAccess>(io, server().endpoint());
     return *store_;
 }
 
