@@ -6,8 +6,8 @@ namespace ds::relay::etcd {
 Task<void> Session::audit() {
     // The first one follows the list at once: a deletion that was compacted away between the list
     // and the watch is never told.
-    while (!is_watching_)
-        co_await wait(watching_, core_.config.call_deadline);
+    if (streams_awaited_ > 0) co_await wait(watching_, core_.config.call_deadline);
+    if (streams_awaited_ > 0) throw Failure("the watch does not begin");
     for (;;) {
         core_.counters.audits++;
         const Differences first = co_await compare_with_store();

@@ -32,6 +32,7 @@ Task<void> Session::claim() {
     co_await read_member();
     co_await settle_epoch();
     core_.state = State::claiming;
+    // Not awaited in the condition itself: g++ 12 makes no working code of that.
     bool is_claimed = false;
     while (!is_claimed)
         is_claimed = co_await try_claim();
@@ -127,8 +128,8 @@ Task<void> Session::wait_for_free_key(const KeyValue &item, std::int64_t revisio
         const Duration remaining = co_await remaining_ttl(item.lease);
         core_.give_up_at = Clock::now() + remaining + lease_slack;
     }
-    const std::vector<KeyRange> ranges = {{node_key_, {}}};
-    const auto stream = co_await client_.stream("/v3/watch", encode_watch(ranges, revision + 1));
+    const KeyRange range = {node_key_, {}};
+    const auto stream = co_await client_.stream("/v3/watch", encode_watch(range, revision + 1));
     const auto is_over = std::make_shared<bool>(false); // outlives the timer's handler
     asio::steady_timer timer(core_.io, *core_.give_up_at);
     timer.async_wait([weak = std::weak_ptr(stream), is_over](boost::system::error_code stopped) {

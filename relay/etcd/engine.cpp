@@ -106,7 +106,8 @@ void end(Core &core) {
 }
 
 Task<void> run_stop(std::shared_ptr<Core> core, bool keep_published, std::function<void()> done) {
-    if (core->session && core->state == State::connected) {
+    const bool is_first = !std::exchange(core->is_ending, true); // no connection follows this one
+    if (is_first && core->session && core->state == State::connected) {
         const std::shared_ptr<Session> session = core->session;
         try {
             co_await session->farewell(keep_published);

@@ -39,9 +39,10 @@ class EtcdEngine final : public Engine {
     // accept; these are counted as refused.
     int send(const dsr_update_t &update) override;
 
-    // Writes what is waiting, then withdraws this node and all its entries from the store, or
-    // leaves them to the daemon that is started next, for as long as the TTL. Takes no longer than
-    // two call deadlines, then calls `done`. The engine reports nothing more.
+    // Withdraws this node and all its entries from the store, or writes what is waiting and leaves
+    // everything to the daemon that is started next, for as long as the TTL. Takes no longer than
+    // three call deadlines, then calls `done`; from then on the engine reports nothing more. send()
+    // takes nothing from now on.
     void stop(bool keep_published, std::function<void()> done);
 
     EtcdStatus status() const;

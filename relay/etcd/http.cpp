@@ -1,5 +1,7 @@
 #include "relay/etcd/http.h"
 
+#include <netinet/tcp.h>
+
 #include <array>
 #include <openssl/ssl.h>
 
@@ -35,6 +37,16 @@ Failure failure_at(const Endpoint &endpoint, const std::string &what) {
     return Failure(endpoint.text + ": " + what);
 }
 
+// The kernel looks after streams on which nothing comes: whether the other side is still there.
+void set_options(tcp::socket &socket) {
+    socket.set_option(tcp::no_delay(true));
+    socket.set_option(asio::socket_base::keep_alive(true));
+    const std::pair<int, int> options[] = {
+        {TCP_KEEPIDLE, 5}, {TCP_KEEPINTVL, 2}, {TCP_KEEPCNT, 3}}; // seconds, seconds, number
+    for (const auto &[option, value] : options)
+        setsockopt(socket.native_handle(), IPPROTO_TCP, option, &value, sizeof value);
+}
+
 Task<tcp::resolver::results_type> resolve(asio::io_context &io, const Endpoint &endpoint,
                                           Duration deadline) {
     boost::system::error_code error;
@@ -64,7 +76,7 @@ template <typename Stream> class ConnectionOver final : public Connection {
             if (is_closed_) throw failure_at(endpoint_, "closed");
             socket().expires_after(deadline);
             co_await socket().async_connect(addresses, use_awaitable);
-            socket().socket().set_option(tcp::no_delay(true));
+            set_options(socket().socket());
             if constexpr (std::is_same_v<Stream, TlsStream>) co_await shake_hands();
         } catch (const boost::system::system_error &error) {
             throw failure_at(endpoint_, error.code().message());
@@ -79,6 +91,7 @@ template <typename Stream> class ConnectionOver final : public Connection {
             parser.body_limit(answer_bytes_max);
             co_await http::async_read(stream_, buffer_, parser, use_awaitable);
             socket().expires_never();
+            is_kept_ = parser.keep_alive();
             http::response<http::string_body> response = parser.release();
             if (response.result() != http::status::ok)
                 throw Refused(endpoint_.text + ": " + decode_error(response.body()));
@@ -115,6 +128,8 @@ template <typename Stream> class ConnectionOver final : public Connection {
         co_return std::string(chunk_.data(), got);
     }
 
+    bool is_kept() const override { return is_kept_; }
+
     void close() override {
         is_closed_ = true;
         boost::system::error_code ignored;
@@ -128,7 +143,7 @@ template <typename Stream> class ConnectionOver final : public Connection {
     Task<void> send(std::string_view path, std::string body) {
         http::request<http::string_body> request(http::verb::post,
                                                  beast::string_view(path.data(), path.size()), 11);
-        request.set(http::field::host, endpoint_.host + ":" + endpoint_.port);
+        request.set(http::field::host, endpoint_.authority);
         request.set(http::field::content_type, "application/json");
         request.body() = std::move(body);
         request.prepare_payload();
@@ -151,6 +166,7 @@ template <typename Stream> class ConnectionOver final : public Connection {
     http::response_parser<http::buffer_body> parser_;
     std::array<char, 16 * 1024> chunk_;
     bool is_closed_ = false;
+    bool is_kept_ = false;
 };
 
 } // namespace
@@ -164,6 +180,7 @@ Endpoint parse_endpoint(const std::string &text) {
         throw Failure("'" + text + "' begins with neither http:// nor https://");
     rest.remove_prefix(endpoint.is_tls ? 8 : 7);
     if (rest.ends_with('/')) rest.remove_suffix(1);
+    endpoint.authority = rest;
     const std::size_t colon = rest.rfind(':');
     if (colon == std::string_view::npos || colon == 0) throw Failure("'" + text + "' has no port");
     endpoint.host = rest.substr(0, colon);
@@ -231,7 +248,8 @@ Task<std::string> Client::call(std::string_view path, std::string body) {
         connection = co_await connect();
     }
     std::string answer = co_await connection->call(path, std::move(body), call_deadline_);
-    if (!is_closed_ && idle_.size() < idle_max) idle_.push_back(std::move(connection));
+    if (!is_closed_ && connection->is_kept() && idle_.size() < idle_max)
+        idle_.push_back(std::move(connection));
     co_return answer;
 }
 

@@ -38,7 +38,8 @@ struct Endpoint {
     bool is_tls = false;
     std::string host;
     std::string port;
-    std::string text; // as it was configured
+    std::string authority; // host and port as they were configured
+    std::string text;      // all of it as it was configured
 };
 
 // Throws Failure for anything but http://host:port and https://host:port.
@@ -58,6 +59,8 @@ class Connection {
     // Sends a request whose answer goes on. Then next_chunk() gives more of the answer.
     virtual Task<void> open_stream(std::string_view path, std::string body, Duration deadline) = 0;
     virtual Task<std::string> next_chunk() = 0;
+    // Whether the server keeps the connection open for another call.
+    virtual bool is_kept() const = 0;
     // Ends whatever is under way; it fails.
     virtual void close() = 0;
 };

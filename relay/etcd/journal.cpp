@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <limits>
 
+#include "relay/etcd/text.h"
+
 namespace ds::relay::etcd {
 
 namespace {
@@ -15,12 +17,13 @@ std::uint64_t wall_clock_ns() {
 
 } // namespace
 
-void Journal::error(std::string_view text) {
+void Journal::error(std::string_view raw) {
+    const std::string text = shown(raw, text_bytes_max);
     auto found = std::ranges::find(errors_, text, &ErrorCount::text);
     if (found == errors_.end()) {
         if (errors_.size() == errors_kept)
             errors_.erase(std::ranges::min_element(errors_, {}, &ErrorCount::last_ns));
-        found = errors_.insert(errors_.end(), {std::string(text), 0, 0});
+        found = errors_.insert(errors_.end(), {text, 0, 0});
     }
     found->count++;
     found->last_ns = wall_clock_ns();
@@ -28,10 +31,10 @@ void Journal::error(std::string_view text) {
 
 void Journal::refuse(std::string_view key, std::string_view reason) {
     refused_++;
-    const auto is_same = [&](const Refusal &refusal) { return refusal.key == key; };
-    std::erase_if(refusals_, is_same);
+    Refusal refusal = {shown(key, text_bytes_max), std::string(reason)};
+    std::erase_if(refusals_, [&](const Refusal &old) { return old.key == refusal.key; });
     if (refusals_.size() == refusals_kept) refusals_.pop_front();
-    refusals_.push_back({std::string(key), std::string(reason)});
+    refusals_.push_back(std::move(refusal));
 }
 
 void Journal::echo(std::chrono::nanoseconds delay) {

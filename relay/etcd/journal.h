@@ -47,7 +47,8 @@ class Journal {
     EchoDelay echo_delay() const;
 
   private:
-    static constexpr std::size_t errors_kept = 16; // the oldest makes room
+    static constexpr std::size_t text_bytes_max = 640; // longer than any key that is accepted
+    static constexpr std::size_t errors_kept = 16;     // the oldest makes room
     static constexpr std::size_t refusals_kept = 16;
     static constexpr std::size_t echoes_kept = 1024;
 

@@ -54,8 +54,9 @@ std::string encode_range(const RangeRequest &request);
 std::string encode_transaction(const Transaction &transaction);
 std::string encode_lease_grant(std::int64_t ttl_s);
 std::string encode_lease(std::int64_t lease); // keep alive, revoke and time to live
-// One stream that watches all the ranges from that revision on.
-std::string encode_watch(const std::vector<KeyRange> &ranges, std::int64_t start_revision);
+// A stream that watches the range from that revision on. One range for each stream: the gateway may
+// drop what stands behind the first request of a body as soon as it has begun to answer.
+std::string encode_watch(const KeyRange &range, std::int64_t start_revision);
 
 // ---- answers ----
 

@@ -150,9 +150,9 @@ std::string encode_lease(std::int64_t lease) {
     return out;
 }
 
-std::string encode_watch(const std::vector<KeyRange> &ranges, std::int64_t start_revision) {
+std::string encode_watch(const KeyRange &range, std::int64_t start_revision) {
     std::string out;
-    for (const KeyRange &range : ranges) {
+    {
         Object request(out);
         Object create(request.start("create_request"));
         create.bytes("key", range.begin);

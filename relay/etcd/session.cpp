@@ -49,7 +49,7 @@ Task<void> Session::wait(Signal &signal, Duration most) {
 }
 
 Task<void> Session::follow(std::int64_t revision) {
-    spawn(watch(revision));
+    begin_watching(revision);
     spawn(pulse());
     spawn(write());
     spawn(audit());
@@ -81,12 +81,14 @@ Duration Session::jittered(Duration most) {
 }
 
 Task<void> Session::farewell(bool keep_published) {
-    const auto give_up_at = Clock::now() + core_.config.call_deadline;
-    while (!core_.own.is_settled() && Clock::now() < give_up_at)
-        co_await wait(written_, core_.config.call_deadline);
+    is_leaving_ = true;
     if (keep_published) {
+        const auto give_up_at = Clock::now() + core_.config.call_deadline;
+        while (!core_.own.is_settled() && Clock::now() < give_up_at)
+            co_await wait(written_, core_.config.call_deadline);
         co_await keep_alive(); // the successor has the whole TTL
     } else {
+        // What is still waiting need not be written, and what is under way is void from here on.
         const Keys &keys = core_.keys;
         const NodeAddress &node = core_.config.node;
         const Transaction transaction =

@@ -43,8 +43,8 @@ class Session : public std::enable_shared_from_this<Session> {
     // There is something to write. Takes effect after the turn that is under way.
     void wake_writer();
 
-    // Waits until all is written, then withdraws this node from the store, or leaves its entries
-    // and its key to the successor; then follow() ends.
+    // Withdraws this node from the store, or waits until all is written and leaves its entries and
+    // its key to the successor. Throws when the store does not take part.
     Task<void> farewell(bool keep_published);
 
     void fail(const std::string &reason);
@@ -75,7 +75,8 @@ class Session : public std::enable_shared_from_this<Session> {
     Task<std::vector<KeyValue>> list_keys();
 
     // ---- watch.cpp ----
-    Task<void> watch(std::int64_t revision);
+    void begin_watching(std::int64_t revision);
+    Task<void> watch(KeyRange range, std::int64_t revision);
     void take(const WatchEvent &event);
     void take_own_node(const WatchEvent &event);
     void take_own_entry(const WatchEvent &event);
@@ -110,9 +111,10 @@ class Session : public std::enable_shared_from_this<Session> {
     Signal changed_;  // a task has ended
     Signal writable_; // there may be something to write
     Signal written_;  // a batch is done
-    Signal watching_; // the watch has begun
+    Signal watching_; // all streams of the watch have begun
     Signal pulse_timer_, audit_timer_, clean_timer_;
-    bool is_watching_ = false;
+    std::size_t streams_awaited_ = 0; // of the watch, that have not begun
+    bool is_leaving_ = false;
     int writes_under_way_ = 0;
     std::uint64_t probes_sent_ = 0;
     std::uint64_t probes_seen_ = 0;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
 
 namespace ds::relay::etcd {
 
@@ -42,6 +43,23 @@ bool is_printable(std::string_view text) {
         at += length;
     }
     return true;
+}
+
+std::string shown(std::string_view text, std::size_t bytes_max) {
+    const bool is_cut = text.size() > bytes_max;
+    text = text.substr(0, bytes_max);
+    std::string result;
+    if (is_printable(text)) {
+        result = text;
+    } else {
+        for (const char c : text) {
+            const auto byte = static_cast<unsigned char>(c);
+            char code[5];
+            std::snprintf(code, sizeof code, "\\x%02x", byte);
+            result += byte >= 0x20 && byte < 0x7f ? std::string(1, c) : std::string(code);
+        }
+    }
+    return is_cut ? result + "..." : result;
 }
 
 bool is_key_part(std::string_view text) {

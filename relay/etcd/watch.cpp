@@ -1,4 +1,4 @@
-// The stream of changes.
+// The streams of changes.
 #include <algorithm>
 #include <charconv>
 
@@ -6,24 +6,27 @@
 
 namespace ds::relay::etcd {
 
-Task<void> Session::watch(std::int64_t revision) {
+void Session::begin_watching(std::int64_t revision) {
     const Keys &keys = core_.keys;
     const std::vector<KeyRange> ranges = {keys.epoch_and_nodes(),
                                           {keys.probe(core_.config.node), {}},
                                           keys.rack_entries(),
                                           keys.system_entries()};
-    LineReader lines(co_await client_.stream("/v3/watch", encode_watch(ranges, revision + 1)));
-    std::size_t created = 0;
+    streams_awaited_ = ranges.size();
+    for (const KeyRange &range : ranges)
+        spawn(watch(range, revision));
+}
+
+Task<void> Session::watch(KeyRange range, std::int64_t revision) {
+    const std::string request = encode_watch(range, revision + 1);
+    LineReader lines(co_await client_.stream("/v3/watch", request));
     for (;;) {
         const WatchReply reply = decode_watch(co_await lines.next_line());
         if (!failure_.empty()) throw Failure(failure_); // with lines left that nobody waits for
         if (reply.compact_revision != 0)
             throw Failure("the watch fell behind what the store keeps");
         if (reply.is_cancelled) throw Failure("the store ended the watch: " + reply.cancel_reason);
-        if (reply.is_created && ++created == ranges.size()) {
-            is_watching_ = true;
-            watching_.cancel();
-        }
+        if (reply.is_created && --streams_awaited_ == 0) watching_.cancel();
         core_.revision = std::max(core_.revision, reply.revision);
         for (const WatchEvent &event : reply.events)
             take(event);
@@ -58,6 +61,7 @@ void Session::take(const WatchEvent &event) {
 }
 
 void Session::take_own_node(const WatchEvent &event) {
+    if (is_leaving_) return;
     if (event.is_deletion) throw Failure("this node's key has gone from the store");
     if (event.item.value != node_value_) throw Failure("this node's key was changed by another");
 }

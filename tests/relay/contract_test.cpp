@@ -34,7 +34,8 @@ class engine : public testing::TestWithParam<RigFactory> {
     testing::AssertionResult sees(DirectoryDouble &directory, const std::string &services) {
         if (rig->until([&] { return directory.seen() == services; }))
             return testing::AssertionSuccess();
-        return testing::AssertionFailure() << "sees '" << directory.seen() << "'";
+        return testing::AssertionFailure()
+               << "sees '" << directory.seen() << "'" << rig->describe();
     }
 
     std::map<std::uint8_t, std::unique_ptr<DirectoryDouble>> directories;

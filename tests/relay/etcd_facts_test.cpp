@@ -11,7 +11,7 @@ class etcd_facts : public EtcdTest {
   protected:
     // Opens a watch on every key from that revision on.
     void watch_from(std::int64_t revision) {
-        const std::vector<etcd::KeyRange> all = {{"a", "z"}};
+        const etcd::KeyRange all = {"a", "z"};
         stream =
             access().run(store_client().stream("/v3/watch", etcd::encode_watch(all, revision)));
         lines = std::make_unique<etcd::LineReader>(stream);
@@ -130,8 +130,8 @@ TEST_F(etcd_facts, an_identical_put_is_told_again) {
 }
 
 TEST_F(etcd_facts, unknown_fields_are_accepted_in_silence) {
-    const std::string misspelt =
-        R"({"compares":[{"key":"aw=="}],"success":[{"request_put":{"key":"aw==","value":"MQ=="}}]})";
+    const std::string misspelt = R"({"compares":[{"key":"aw=="}],)"
+                                 R"("success":[{"request_put":{"key":"aw==","value":"MQ=="}}]})";
 
     const auto reply = etcd::decode_transaction(store().call("/v3/kv/txn", misspelt));
 

@@ -58,7 +58,9 @@ std::optional<etcd::KeyValue> StoreAccess::get(const std::string &key) {
 }
 
 void StoreAccess::compact(std::int64_t revision) {
-    call("/v3/kv/compaction", R"({"revision":")" + std::to_string(revision) + R"("})");
+    // "physical": the answer comes when it is done, not when it is ordered.
+    call("/v3/kv/compaction",
+         R"({"revision":")" + std::to_string(revision) + R"(","physical":true})");
 }
 
 std::int64_t StoreAccess::grant(std::int64_t ttl_s) {

@@ -89,6 +89,18 @@ class EtcdRig final : public Rig {
     bool until(const std::function<bool()> &condition) override {
         return run_until(io_, condition);
     }
+    std::string describe() const override {
+        std::string text;
+        for (const auto &[number, engine] : engines_) {
+            const EtcdStatus status = engine->status();
+            text += "\nnode " + std::to_string(number) + ": " + status.state + ", waiting " +
+                    std::to_string(status.waiting) + ", audits " + std::to_string(status.audits) +
+                    ", did " + directories_.at(number)->events();
+            for (const ErrorCount &error : status.errors)
+                text += "\n  " + error.text + " (" + std::to_string(error.count) + ")";
+        }
+        return text;
+    }
     // Two audits begun after everything was written: the watch has caught up with them.
     bool settle() override {
         for (const auto &[number, engine] : engines_)

@@ -36,6 +36,15 @@ TEST(journal, keeps_the_newest_refusals_one_for_each_key) {
     EXPECT_EQ(journal.refusals()[0].reason, "second");
 }
 
+TEST(journal, shows_no_control_characters) {
+    Journal journal;
+    journal.refuse("key\n", "reason");
+    journal.error("bad\xff");
+
+    EXPECT_EQ(journal.refusals().at(0).key, "key\\x0a");
+    EXPECT_EQ(journal.errors().at(0).text, "bad\\xff");
+}
+
 TEST(journal, tells_the_percentiles_of_the_newest_echoes) {
     Journal journal;
     EXPECT_EQ(journal.echo_delay().p99_us, 0u);

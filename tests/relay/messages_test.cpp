@@ -39,16 +39,18 @@ TEST(messages, of_leases_are_these_bytes) {
     EXPECT_EQ(encode_lease(2324035529701763849), R"({"ID":"2324035529701763849"})");
 }
 
-TEST(messages, of_a_watch_are_one_object_for_each_range) {
-    EXPECT_EQ(encode_watch({{"a", "b"}, {"k", {}}}, 42),
-              R"({"create_request":{"key":"YQ==","range_end":"Yg==","start_revision":"42"}})"
-              R"({"create_request":{"key":"aw==","start_revision":"42"}})");
+TEST(messages, of_a_watch_are_these_bytes) {
+    EXPECT_EQ(encode_watch({"a", "b"}, 42),
+              R"({"create_request":{"key":"YQ==","range_end":"Yg==","start_revision":"42"}})");
+    EXPECT_EQ(encode_watch({"k", {}}, 1),
+              R"({"create_request":{"key":"aw==","start_revision":"1"}})");
 }
 
 TEST(messages, of_the_store_are_read_with_absent_fields_as_zero) {
-    const RangeReply range = decode_range(
-        R"({"header":{"revision":"6"},"kvs":[{"key":"YQ==","create_revision":"2",)"
-        R"("mod_revision":"3","version":"1","value":"MQ==","lease":"8"}],"more":true,"count":"2"})");
+    const RangeReply range =
+        decode_range(R"({"header":{"revision":"6"},"kvs":[{"key":"YQ==","create_revision":"2",)"
+                     R"("mod_revision":"3","version":"1","value":"MQ==","lease":"8"}],)"
+                     R"("more":true,"count":"2"})");
     const RangeReply nothing = decode_range(R"({"header":{"revision":"2"}})");
 
     ASSERT_EQ(range.items.size(), 1u);

@@ -100,6 +100,12 @@ TEST(records, that_are_none_are_refused) {
     EXPECT_EQ(decode_node(encode_node({"b", "r1", "h\n", 1, 1}), info), "bad host name");
 }
 
+TEST(texts, are_shown_without_control_characters_and_cut) {
+    EXPECT_EQ(shown("\xc3\xa4 b", 10), "\xc3\xa4 b");
+    EXPECT_EQ(shown("a\nb\xff", 10), "a\\x0ab\\xff");
+    EXPECT_EQ(shown("abcdef", 3), "abc...");
+}
+
 TEST(texts, are_printable_when_they_are_utf8_without_control_characters) {
     for (const char *text : {"", "plain", "\xc3\xa4", "\xe2\x82\xac", "\xf0\x9f\x98\x80"})
         EXPECT_TRUE(is_printable(text)) << text;

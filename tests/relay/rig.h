@@ -36,6 +36,8 @@ class Rig {
 
     // Lets everything go its way until the condition holds; false when patience is at its end.
     virtual bool until(const std::function<bool()> &condition) = 0;
+    // How the engines feel, for the text of a failure.
+    virtual std::string describe() const { return {}; }
     // Until everything that was sent has reached the store and come to all nodes.
     virtual bool settle() = 0;
 };
