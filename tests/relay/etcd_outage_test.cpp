@@ -12,7 +12,12 @@ namespace {
 
 class etcd_outage : public EtcdTest {
   protected:
-    std::uint64_t sessions(const Daemon &daemon) { return daemon.engine->status().sessions; }
+    // An outage is reported almost at once.
+    EtcdConfig hasty(std::uint8_t number) {
+        EtcdConfig result = config(number);
+        result.outage_grace = 200ms;
+        return result;
+    }
 };
 
 } // namespace
@@ -38,7 +43,7 @@ TEST_F(etcd_outage, shorter_than_the_grace_is_not_reported) {
 }
 
 TEST_F(etcd_outage, is_reported_once_and_ended_by_a_new_list) {
-    const auto one = join(1);
+    const auto one = join(hasty(1));
 
     server().kill();
     EXPECT_TRUE(until([&] { return one->directory.count("disconnected") == 1; }));
@@ -87,8 +92,8 @@ TEST_F(etcd_outage, that_is_held_leaves_the_directory_alone_and_ends_in_the_diff
 }
 
 TEST_F(etcd_outage, of_a_frozen_server_is_noticed_though_connections_stay_open) {
-    const auto one = join(1);
-    const auto two = join(2);
+    const auto one = join(hasty(1));
+    const auto two = join(hasty(2));
     two->directory.publish(update_of("web", 1));
     EXPECT_TRUE(sees(*one, "web;@2v1"));
 
@@ -144,7 +149,7 @@ TEST_F(etcd_outage, with_a_wiped_store_is_seen_by_its_epoch) {
 }
 
 TEST_F(etcd_outage, does_not_make_what_the_store_still_holds_be_written_again) {
-    const auto one = join(1);
+    const auto one = join(hasty(1));
     one->directory.publish(update_of("web", 1));
     EXPECT_TRUE(is_written(*one));
     const std::string key = keys().entry(node(1), update_of("web", 1));

@@ -30,6 +30,7 @@ class EtcdRig final : public Rig {
         EtcdConfig config = quick_config(number, {shared_server().endpoint()});
         config.cluster = cluster_;
         config.rack = rack;
+        config.outage_grace = std::chrono::milliseconds(200);
         config.predecessor_boot_id = predecessors_[number];
         EtcdHooks hooks;
         hooks.is_own_period_open = [&directory] { return directory.is_own_period_open; };
