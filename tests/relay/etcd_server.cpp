@@ -14,6 +14,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <random>
 #include <stdexcept>
 #include <utility>
 
@@ -91,15 +92,20 @@ bool is_healthy(std::uint16_t port) {
 
 } // namespace
 
+// Below the ports that the kernel gives to outgoing connections, so that nobody takes one while its
+// server is being restarted; at random, so that tests that run at the same time do not meet.
 std::uint16_t free_port() {
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = loopback(0);
-    socklen_t length = sizeof address;
-    if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr *>(&address), &length) != 0)
-        give_up("no free port");
-    close(fd);
-    return ntohs(address.sin_port);
+    std::random_device random;
+    for (int attempt = 0; attempt < 1000; attempt++) {
+        const auto port = static_cast<std::uint16_t>(20'000 + random() % 12'000);
+        const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const sockaddr_in address = loopback(port);
+        const bool is_free =
+            bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+        close(fd);
+        if (is_free) return port;
+    }
+    throw std::runtime_error("no free port");
 }
 
 TemporaryDirectory::TemporaryDirectory() {
