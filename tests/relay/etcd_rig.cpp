@@ -105,7 +105,7 @@ class EtcdRig final : public Rig {
     // Two audits begun after everything was written: the watch has caught up with them.
     bool settle() override {
         for (const auto &[number, engine] : engines_)
-            if (!until([&] { return engine->status().waiting == 0; })) return false;
+            if (!until([&own = *engine] { return own.status().waiting == 0; })) return false;
         std::map<std::uint8_t, std::uint64_t> wanted;
         for (const auto &[number, engine] : engines_)
             wanted[number] = engine->status().audits + 2;

@@ -25,7 +25,7 @@ struct Proxy::Link {
 };
 
 Proxy::Proxy(asio::io_context &io, std::uint16_t upstream_port)
-    : io_(io), upstream_(asio::ip::address_v4::loopback(), upstream_port),
+    : upstream_(asio::ip::address_v4::loopback(), upstream_port),
       acceptor_(io, tcp::endpoint(asio::ip::address_v4::loopback(), 0)) {
     accept();
 }

@@ -32,7 +32,6 @@ class Proxy {
     static void begin(const std::shared_ptr<Link> &link);
     static void carry(const std::shared_ptr<Link> &link, bool is_upwards);
 
-    boost::asio::io_context &io_;
     boost::asio::ip::tcp::endpoint upstream_;
     boost::asio::ip::tcp::acceptor acceptor_;
     std::vector<std::weak_ptr<Link>> links_;
