@@ -4,7 +4,7 @@ MAKEFLAGS += --no-print-directory
 BENCH_ARGS ?=
 SECONDS ?= 30
 
-.PHONY: help setup build run test test-dev test-asan fuzz bench package docs format lint coverage clean
+.PHONY: help setup build run cluster test test-dev test-asan fuzz bench package docs format lint coverage clean
 
 help: ## show this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-10s %s\n", $$1, $$2 }' Makefile
@@ -18,6 +18,11 @@ build: ## build the daemon and its tools (build/release/bin)
 
 run: build ## set up, build and show the main job on real processes
 	@tools/demo.sh build/release/bin
+
+cluster: ## set up and show three nodes with an etcd on this machine
+	@tools/setup.sh build test
+	@tools/build.sh release dsd dsctl
+	@tools/cluster.sh build/release/bin
 
 test: test-dev test-asan ## set up and pass the whole suite, then once more under the sanitizers
 

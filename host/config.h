@@ -24,6 +24,20 @@ struct CommandLine {
     bool operator==(const CommandLine &) const = default;
 };
 
+// How services reach other nodes.
+struct RelayConfig {
+    std::string endpoints; // of etcd, separated by blanks; empty: there are no other nodes
+    std::string cluster = "default";
+    std::string rack = "default";
+    std::string ca_file;
+    std::string cert_file;
+    std::string key_file;
+    std::uint64_t ttl_ms = 10'000;
+    std::string on_outage = "expire";
+    bool keep_published = false;
+    bool operator==(const RelayConfig &) const = default;
+};
+
 // The values of the file's keys are as an empty file would leave them; the keys themselves are in
 // config_keys.cpp.
 struct Config {
@@ -36,6 +50,7 @@ struct Config {
     std::uint64_t socket_mode = 0666;       // permission bits
     bool console = false;                   // the library's console stream on stderr
     std::uint64_t restart_window_ms = 5000; // for clients to come back
+    RelayConfig relay;
     Limits limits;
     std::vector<Rule> rules;
 

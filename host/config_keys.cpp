@@ -13,6 +13,11 @@ constexpr std::uint64_t count_max = 1'000'000'000;
 constexpr std::uint64_t queued_bytes_min = 65'536;
 constexpr std::uint64_t queued_bytes_max = 1ull << 40;
 
+std::string check_on_outage(const std::string &value, const UserDatabase &) {
+    if (value == "expire" || value == "hold") return {};
+    return "'" + value + "' is neither \"expire\" nor \"hold\"";
+}
+
 std::string check_node_address(const std::string &value, const UserDatabase &) {
     if (value.empty() || parse_node_address(value)) return {};
     return "'" + value + "' is no Ethernet address; write it as aa:bb:cc:dd:ee:ff";
@@ -53,6 +58,29 @@ const Key keys[] = {
     {"restart", "window_ms", DS_TARGET(restart_window_ms), 0, 300'000, false,
      "After a restart, how long clients may take to come back before what they published counts "
      "as gone. 0: they get no time."},
+
+    {"relay", "endpoints", DS_TARGET(relay.endpoints), 0, 4000, false,
+     "Members of the etcd cluster that carries services to other nodes, as \"http://HOST:PORT\" or "
+     "\"https://HOST:PORT\", separated by blanks. Empty: services stay on this node."},
+    {"relay", "cluster", DS_TARGET(relay.cluster), 1, 64, false,
+     "Nodes with the same cluster name see each other."},
+    {"relay", "rack", DS_TARGET(relay.rack), 1, 64, false,
+     "Services of scope rack reach the nodes with the same rack."},
+    {"relay", "ca_file", DS_TARGET(relay.ca_file), 0, path_bytes_max, false,
+     "Certificates of the authority of the etcd members (PEM). Empty: those that the system "
+     "trusts."},
+    {"relay", "cert_file", DS_TARGET(relay.cert_file), 0, path_bytes_max, false,
+     "Certificate of this node for etcd (PEM)."},
+    {"relay", "key_file", DS_TARGET(relay.key_file), 0, path_bytes_max, false,
+     "Key of that certificate (PEM)."},
+    {"relay", "ttl_ms", DS_TARGET(relay.ttl_ms), 2'000, 3'600'000, false,
+     "Without a sign of life for this long, other nodes take this one for dead."},
+    {"relay", "on_outage", DS_TARGET(relay.on_outage), 0, 6, false,
+     "What becomes of other nodes' services when etcd cannot be reached: \"expire\" (they go after "
+     "30 s) or \"hold\" (they stay).", Notation::plain, check_on_outage},
+    {"relay", "keep_published", DS_TARGET(relay.keep_published), 0, 0, false,
+     "Leave this node's services to the next daemon when this one is stopped, for as long as the "
+     "TTL, instead of withdrawing them."},
 
     {"limits", "sessions_total", DS_TARGET(limits.sessions_total), 1, sessions_max, true,
      "Sessions of all users together."},

@@ -68,8 +68,10 @@ class Loop final : private Handler {
     // One turn; waits at most timeout_ms for an event, -1 without limit, and not at all when the
     // turn before has left work.
     void turn(int timeout_ms);
-    void run(); // turns until stop()
+    void run();                       // turns until stop()
+    void start() { running_ = true; } // for whoever calls turn() instead
     void stop() { running_ = false; }
+    bool is_running() const { return running_; }
 
     // Readable whenever there are events or alarms: another reactor can watch it and call turn(0),
     // and again while is_busy().

@@ -11,12 +11,12 @@
 #include "host/loop.h"
 #include "host/message.h"
 #include "host/reload.h"
+#include "host/replication.h"
 #include "host/runtime_directory.h"
 #include "host/server.h"
 #include "host/service_manager.h"
 #include "host/users.h"
 #include "platform_default/platform_default.h"
-#include "relay/none.h"
 
 namespace {
 
@@ -84,10 +84,11 @@ void run(host::Config config) {
         throw host::StartError("the trace directory's path is too long");
 
     host::Loop loop;
-    relay::NoEngine engine;
+    host::Replication replication(loop, config);
     ListeningSocket socket(config);
     host::PublicationSum sum(config.runtime_dir + "/published");
-    host::Server server(loop, config, engine, sum, socket.take());
+    host::Server server(loop, config, replication.engine(), sum, socket.take());
+    replication.replay_while([&server] { return server.restart().is_own_period_open(); });
     host::ServiceManager manager(loop, [&server] { return description_of(server); });
     loop.watch_signals({SIGTERM, SIGINT, SIGHUP}, [&](int signal) {
         if (signal == SIGHUP) {
@@ -103,7 +104,8 @@ void run(host::Config config) {
     manager.ready();
     std::printf("dsd: ready on %s\n", config.socket.c_str());
     std::fflush(stdout);
-    loop.run();
+    replication.run();
+    replication.end(config.relay.keep_published);
     socket.remove_file();
 }
 
