@@ -77,22 +77,19 @@ bool Restart::is_complete() const {
 }
 
 void Restart::end_if_complete() {
-    if (is_own_period_open() && is_complete()) end_own_period();
+    if (is_own_period_open() && is_complete()) end_periods();
 }
 
-void Restart::end_own_period() {
-    finalise();
-    mgd_timer_leaf_stop(timer_of(DS_GLOBAL_SLOT_OWN_RESTART_TIMER));
-    loop_.disarm(window_alarm_);
-    on_end_();
-}
-
-void Restart::finalise() {
+// The directory settles the services of all nodes at once, so the periods end together.
+void Restart::end_periods() {
     ds_db_finalize_restart();
-    directory_.changed();
+    for (const int slot : {DS_GLOBAL_SLOT_OWN_RESTART_TIMER, DS_GLOBAL_SLOT_RELAY_RESTART_TIMER})
+        if (is_running(slot)) mgd_timer_leaf_stop(timer_of(slot));
+    loop_.disarm(window_alarm_);
     directory_.drop_empty_names();
     sum_.settle();
     waiting_.clear();
+    on_end_();
 }
 
 // Only the timers of the block end a period; one that a later disconnection has replaced does not.
@@ -100,13 +97,10 @@ void Restart::on_timer(mgd_timer_t *timer) {
     const bool is_own = timer == timer_of(DS_GLOBAL_SLOT_OWN_RESTART_TIMER);
     if (!is_own && timer != timer_of(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER))
         return mgd_timer_release(timer);
-    // The end settles the services of all nodes at once, so the periods end together.
     if (!is_own && is_own_period_open()) return;
     if (is_own && is_running(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER))
         return mgd_timer_leaf_start(timer, longer_for_the_relay);
-    finalise();
-    mgd_timer_leaf_stop(timer);
-    on_end_();
+    end_periods();
 }
 
 // ---- what the engine reports ----
@@ -147,13 +141,9 @@ void Restart::published(const ds_service_t &service) {
 
 void Restart::listed() {
     is_listed_ = true;
-    if (!is_running(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER)) return;
     // Changes that follow the list must find the services settled. When the own period is open as
     // well it ends here, too: clients that are not back yet will publish anew.
-    finalise();
-    mgd_timer_leaf_stop(timer_of(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER));
-    if (is_own_period_open()) mgd_timer_leaf_stop(timer_of(DS_GLOBAL_SLOT_OWN_RESTART_TIMER));
-    on_end_();
+    if (is_running(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER)) end_periods();
 }
 
 void Restart::node_down(const relay::NodeAddress &node) {

@@ -54,8 +54,7 @@ class Restart final : public relay::Events {
   private:
     bool is_complete() const;
     bool is_published_again(const dsr_update_t &update) const;
-    void end_own_period();
-    void finalise();
+    void end_periods();
     void open_own_period();
 
     Loop &loop_;
