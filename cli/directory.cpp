@@ -48,6 +48,23 @@ client::Outcome dump_pages(Daemon &daemon, v1::Dump dump, const PageTaker &take)
     }
 }
 
+client::Outcome node_pages(Daemon &daemon, const NodeTaker &take) {
+    v1::Request request;
+    request.mutable_nodes();
+    for (;;) {
+        v1::Reply reply;
+        client::Outcome outcome = daemon.call(request, reply, client::deadline_in(answer_time));
+        if (!outcome.ok()) return outcome;
+        take(reply.nodes());
+        const std::string &next = reply.nodes().next();
+        if (next.empty()) return {};
+        if (next <= request.nodes().after()) {
+            return {client::Failure::protocol, v1::STATUS_OK, "the nodes do not come to an end"};
+        }
+        request.mutable_nodes()->set_after(next);
+    }
+}
+
 void note_reconciling() {
     complain("a restart period is open: instances that are missing may still come back");
 }

@@ -23,6 +23,10 @@ int ask(const Context &context, const char *what, const v1::Request &request, v1
 using PageTaker = std::function<void(const v1::DumpReply &)>;
 client::Outcome dump_pages(Daemon &daemon, v1::Dump dump, const PageTaker &take);
 
+// Hands every page of nodes to `take`, the same way.
+using NodeTaker = std::function<void(const v1::NodesReply &)>;
+client::Outcome node_pages(Daemon &daemon, const NodeTaker &take);
+
 // Tells on stderr that instances may be missing because a restart period is open.
 void note_reconciling();
 

@@ -6,14 +6,6 @@
 namespace ds::cli {
 namespace {
 
-void put_time(Json &json, const std::string &key, std::uint64_t wall_ns, std::uint64_t now_ns) {
-    json[key] = nullptr;
-    json[key + "_age_ns"] = nullptr;
-    if (wall_ns == 0) return;
-    json[key] = rfc3339_text(wall_ns);
-    json[key + "_age_ns"] = age_ns(wall_ns, now_ns);
-}
-
 Json service_json(const v1::DumpedService &service, std::uint64_t now_ns) {
     Json json = instance_json(service.name(), service.instance());
     json.erase("generation"); // not told
@@ -110,6 +102,12 @@ Json node_json(const v1::Node &node, std::uint64_t now_ns) {
     Json json;
     json["node"] = node_text(node.address());
     json["local"] = node.local();
+    json["state"] = node_state_text(node.state());
+    const bool is_up = node.state() == v1::NODE_STATE_UP;
+    json["rack"] = is_up ? Json(node.rack()) : nullptr;
+    json["host"] = is_up ? Json(node.host_name()) : nullptr;
+    put_time(json, "started", node.started_ns(), now_ns);
+    json["services"] = is_up ? Json(node.services()) : nullptr;
     json["services_added"] = node.services_added();
     json["services_updated"] = node.services_updated();
     json["services_deleted"] = node.services_deleted();

@@ -160,22 +160,29 @@ Cells client_row(const v1::DumpedClient &client, bool wide, std::uint64_t now_ns
     return cells;
 }
 
-Cells node_titles() {
-    return {"NODE",    "LOCAL",       "ADDED", "UPDATED",   "DELETED",
-            "CHANGED", "CHANGED_AGO", "DOWN",  "LAST_DOWN", "LAST_DOWN_AGO"};
+Cells node_titles(bool wide) {
+    Cells titles = {"NODE", "LOCAL",    "STATE", "RACK",      "HOST",
+                    "AGE",  "SERVICES", "DOWN",  "LAST_DOWN", "LAST_DOWN_AGO"};
+    if (wide) append(titles, {"ADDED", "UPDATED", "DELETED", "CHANGED", "CHANGED_AGO"});
+    return titles;
 }
 
-Cells node_row(const v1::Node &node, std::uint64_t now_ns) {
-    return {node_text(node.address()),
-            node.local() ? "yes" : "no",
-            number(node.services_added()),
-            number(node.services_updated()),
-            number(node.services_deleted()),
-            time_cell(node.last_change_ns()),
-            age_cell(node.last_change_ns(), now_ns),
-            number(node.times_down()),
-            time_cell(node.last_down_ns()),
-            age_cell(node.last_down_ns(), now_ns)};
+Cells node_row(const v1::Node &node, bool wide, std::uint64_t now_ns) {
+    Cells cells = {node_text(node.address()),
+                   node.local() ? "yes" : "no",
+                   node_state_text(node.state()),
+                   node.rack(),
+                   node.host_name(),
+                   age_cell(node.started_ns(), now_ns),
+                   node.state() == v1::NODE_STATE_UP ? number(node.services()) : "",
+                   number(node.times_down()),
+                   time_cell(node.last_down_ns()),
+                   age_cell(node.last_down_ns(), now_ns)};
+    if (!wide) return cells;
+    append(cells, {number(node.services_added()), number(node.services_updated()),
+                   number(node.services_deleted()), time_cell(node.last_change_ns()),
+                   age_cell(node.last_change_ns(), now_ns)});
+    return cells;
 }
 
 Fields stats_fields(const v1::StatsReply &stats, std::uint64_t now_ns) {

@@ -26,8 +26,8 @@ std::vector<Cells> holding_rows(const v1::DumpedClient &client, bool wide, std::
 Cells client_titles(bool wide);
 Cells client_row(const v1::DumpedClient &client, bool wide, std::uint64_t now_ns);
 
-Cells node_titles();
-Cells node_row(const v1::Node &node, std::uint64_t now_ns);
+Cells node_titles(bool wide);
+Cells node_row(const v1::Node &node, bool wide, std::uint64_t now_ns);
 
 // The counters with what follows from them: how many there are now.
 Fields stats_fields(const v1::StatsReply &stats, std::uint64_t now_ns);

@@ -1,17 +1,24 @@
 #include "cli/json.h"
 
 #include "cli/endpoint.h"
+#include "cli/output.h"
+#include "cli/relay_status.h"
 #include "cli/vocabulary.h"
 
 namespace ds::cli {
-namespace {
+
+void put_time(Json &json, const std::string &key, std::uint64_t wall_ns, std::uint64_t now_ns) {
+    json[key] = nullptr;
+    json[key + "_age_ns"] = nullptr;
+    if (wall_ns == 0) return;
+    json[key] = rfc3339_text(wall_ns);
+    json[key + "_age_ns"] = age_ns(wall_ns, now_ns);
+}
 
 Json text_or_null(std::string text) {
     if (text.empty()) return nullptr;
     return Json(std::move(text));
 }
-
-} // namespace
 
 std::string json_line(const Json &value) {
     return value.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
@@ -50,7 +57,7 @@ Json snapshot_json(const v1::Snapshot &snapshot) {
     return json;
 }
 
-Json status_json(const v1::StatusReply &status) {
+Json status_json(const v1::StatusReply &status, std::uint64_t now_ns) {
     Json json;
     json["daemon_version"] = status.daemon_version();
     json["pid"] = status.pid();
@@ -71,6 +78,8 @@ Json status_json(const v1::StatusReply &status) {
     json["bad_frames"] = status.bad_frames();
     json["queued_bytes"] = status.queued_bytes();
     json["resident_bytes"] = status.resident_bytes();
+    json["relay_status"] =
+        status.has_relay_status() ? relay_json(status.relay_status(), now_ns) : Json(nullptr);
     return json;
 }
 

@@ -56,6 +56,17 @@ std::string issu_text(v1::IssuRole role) {
     return word_of(issu_words(), role, v1::ISSU_ROLE_NONE);
 }
 
+std::string node_state_text(v1::NodeState state) {
+    switch (state) {
+    case v1::NODE_STATE_UP:
+        return "up";
+    case v1::NODE_STATE_DOWN:
+        return "down";
+    default:
+        return "unknown";
+    }
+}
+
 std::string issu_cell(const v1::Instance &instance) {
     std::string role = issu_text(instance.issu_role());
     if (instance.issu_id() == 0) return role;

@@ -19,6 +19,8 @@ const std::map<std::string, v1::IssuRole> &issu_words();
 std::string scope_text(v1::Scope scope);
 std::string ha_text(v1::HaRole role);
 std::string issu_text(v1::IssuRole role);
+// "up", "down" or "unknown".
+std::string node_state_text(v1::NodeState state);
 // Role and id in one cell: "PRIMARY", "PRIMARY/7", "/7"; empty for neither.
 std::string issu_cell(const v1::Instance &instance);
 

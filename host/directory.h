@@ -103,6 +103,7 @@ class Directory {
     // After a restart period or the end of a node: names that nobody publishes or watches.
     void drop_empty_names();
     Totals totals() const;
+    std::uint64_t publications() const { return sum_.count(); } // by clients of this node
     // Rises whenever an element may have changed or gone, so that what was encoded before is of the
     // past.
     std::uint64_t changes() const { return changes_; }

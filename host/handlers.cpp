@@ -1,18 +1,17 @@
 #include "host/handlers.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdint>
-#include <fstream>
 
 #include "host/dump.h"
 #include "host/listing.h"
 #include "host/names.h"
+#include "host/nodes.h"
 #include "host/publication.h"
 #include "host/server.h"
 #include "host/session.h"
 #include "host/statistics.h"
+#include "host/status.h"
 #include "host/wire.h"
 #include "proto/frame.h"
 
@@ -26,10 +25,8 @@ std::string quoted(std::string_view text) {
     return "'" + std::string(text) + "'";
 }
 
-std::uint64_t resident_bytes() {
-    std::uint64_t total_pages = 0, resident_pages = 0;
-    std::ifstream("/proc/self/statm") >> total_pages >> resident_pages;
-    return resident_pages * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
+std::string bad_address(const std::string &field, const std::string &bytes) {
+    return field + " has " + std::to_string(bytes.size()) + " bytes; an Ethernet address has 6.";
 }
 
 // Whether the policy forbids it; then the reply says so.
@@ -210,29 +207,7 @@ void handle_list(Call &call) {
 }
 
 void handle_status(Call &call) {
-    const Server &server = call.server;
-    const Counters &counters = call.server.counters();
-    const Directory::Totals totals = call.server.directory().totals();
-    v1::StatusReply &body = *call.reply.mutable_status_info();
-    body.set_daemon_version(daemon_version());
-    body.set_pid(static_cast<std::uint32_t>(getpid()));
-    body.set_uptime_ms(server.uptime_ms());
-    body.set_node(std::string(call.server.directory().node_bytes()));
-    body.set_socket(server.config().socket);
-    body.set_trace_directory(server.config().trace_dir);
-    body.set_relay(server.engine().name());
-    body.set_sessions(server.sessions().count());
-    body.set_names(totals.names);
-    body.set_services(totals.services);
-    body.set_registrations(totals.registrations);
-    body.set_publishes(counters.publishes);
-    body.set_withdrawals(counters.withdrawals);
-    body.set_notifications(counters.notifications);
-    body.set_coalesced(counters.coalesced);
-    body.set_bad_frames(counters.bad_frames);
-    body.set_queued_bytes(server.queued_bytes());
-    body.set_resident_bytes(resident_bytes());
-    body.set_sessions_total(counters.sessions_total);
+    fill_status(call.server, *call.reply.mutable_status_info());
 }
 
 void handle_dump(Call &call) {
@@ -244,9 +219,7 @@ void handle_dump(Call &call) {
                       "kind is " + std::to_string(dump.kind()) +
                           "; 1 (services), 2 (registrations) and 3 (clients) are allowed.");
     if (!dump.node().empty() && dump.node().size() != sizeof(NodeAddress))
-        return refuse(call.reply, v1::STATUS_INVALID,
-                      "node has " + std::to_string(dump.node().size()) +
-                          " bytes; an Ethernet address has 6.");
+        return refuse(call.reply, v1::STATUS_INVALID, bad_address("node", dump.node()));
     if (!v1::Scope_IsValid(dump.scope()))
         return refuse(call.reply, v1::STATUS_INVALID,
                       "scope is " + std::to_string(dump.scope()) +
@@ -273,7 +246,10 @@ void handle_stats(Call &call) {
 
 void handle_nodes(Call &call) {
     if (is_denied(call, Action::dump, {})) return;
-    fill_nodes(call.server.directory(), *call.reply.mutable_nodes());
+    const std::string &after = call.request.nodes().after();
+    if (!after.empty() && after.size() != sizeof(NodeAddress))
+        return refuse(call.reply, v1::STATUS_INVALID, bad_address("after", after));
+    fill_nodes(call.server, after, *call.reply.mutable_nodes());
 }
 
 } // namespace ds::host

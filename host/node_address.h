@@ -1,14 +1,14 @@
 // The Ethernet address that identifies a node.
 #pragma once
-#include <array>
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "relay/node_address.h"
+
 namespace ds::host {
 
-using NodeAddress = std::array<std::uint8_t, 6>;
+using relay::NodeAddress;
 
 // "aa:bb:cc:dd:ee:ff" in either case; nothing for any other text and for the all-zero address.
 std::optional<NodeAddress> parse_node_address(std::string_view text);

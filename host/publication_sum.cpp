@@ -80,10 +80,12 @@ PublicationSum::~PublicationSum() {
 
 void PublicationSum::add(std::string_view name, std::string_view instance, std::uint32_t scope) {
     if (!is_settled_ && record_ != nullptr) record_->is_inexact = 1;
+    count_++;
     change(hash_of(name, instance, scope));
 }
 
 void PublicationSum::remove(std::string_view name, std::string_view instance, std::uint32_t scope) {
+    count_--;
     change(-hash_of(name, instance, scope));
 }
 

@@ -34,6 +34,8 @@ class PublicationSum {
     // Whether exactly those are published now that were published then; never when that is not
     // known.
     bool is_restored() const { return is_exact_ && sum_ == expected_; }
+    // Publications there are now.
+    std::uint64_t count() const { return count_; }
     // From here on the file follows; until then it keeps the former number.
     void settle();
 
@@ -43,6 +45,7 @@ class PublicationSum {
     void change(std::uint64_t by);
 
     std::uint64_t sum_ = 0;
+    std::uint64_t count_ = 0;
     std::uint64_t expected_ = 0;
     bool is_exact_ = true;     // nothing but what was expected had been published
     Record *record_ = nullptr; // in the mapped file

@@ -1,5 +1,6 @@
 #include "host/statistics.h"
 
+#include "ds_server_lib.h"
 #include "host/wall_clock.h"
 
 namespace ds::host {
@@ -28,21 +29,6 @@ void fill_stats(v1::StatsReply &reply) {
     reply.set_relay_modifies_sent(response.relay_modifies_sent);
     reply.set_relay_deletes_sent(response.relay_deletes_sent);
     reply.set_relay_updates_received(response.relay_updates_received);
-}
-
-void fill_nodes(const Directory &directory, v1::NodesReply &reply) {
-    const WallClock wall;
-    directory.for_each_node([&](const ds_node_t &node) {
-        v1::Node &out = *reply.add_nodes();
-        out.set_address(reinterpret_cast<const char *>(node.addr), sizeof(NodeAddress));
-        out.set_local(out.address() == directory.node_bytes());
-        out.set_services_added(node.services_added);
-        out.set_services_updated(node.services_updated);
-        out.set_services_deleted(node.services_deleted);
-        out.set_last_change_ns(wall(node.last_change_time));
-        out.set_times_down(node.down_count);
-        out.set_last_down_ns(wall(node.last_down_time));
-    });
 }
 
 } // namespace ds::host

@@ -7,20 +7,20 @@
 
 namespace ds::host {
 
+inline std::uint64_t wall_now_ns() {
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 +
+           static_cast<std::uint64_t>(now.tv_nsec);
+}
+
 // Nanoseconds since 1970 of a stamp, as the clock of the machine is set now; 0 for never.
 class WallClock {
   public:
     std::uint64_t operator()(std::uint64_t stamp) const { return stamp == 0 ? 0 : stamp + offset_; }
 
   private:
-    static std::uint64_t now_ns() {
-        timespec now = {};
-        clock_gettime(CLOCK_REALTIME, &now);
-        return static_cast<std::uint64_t>(now.tv_sec) * 1'000'000'000 +
-               static_cast<std::uint64_t>(now.tv_nsec);
-    }
-
-    std::uint64_t offset_ = now_ns() - fts_get_stamp_fast();
+    std::uint64_t offset_ = wall_now_ns() - fts_get_stamp_fast();
 };
 
 } // namespace ds::host

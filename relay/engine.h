@@ -12,14 +12,14 @@
 // listed(), then goes on with what changes. Updates about one service arrive in the order in which
 // its node sent them; a change may be delivered again, an older one never follows a newer.
 #pragma once
-#include <array>
-#include <cstdint>
+#include <cstddef>
+#include <vector>
 
 #include "platform_default/platform_default.h"
+#include "relay/node_address.h"
+#include "relay/status.h"
 
 namespace ds::relay {
-
-using NodeAddress = std::array<std::uint8_t, 6>; // Ethernet address
 
 // What an engine reports.
 class Events {
@@ -56,6 +56,14 @@ class Engine {
     // 0 = taken, -1 = not taken; the directory does not ask again, so an engine that cannot send
     // now has to remember the update or to send everything anew later.
     virtual int send(const dsr_update_t &update) = 0;
+
+    virtual EngineStatus status() const { return {}; }
+
+    // Other nodes that are alive, by address: at most `count` of those behind `after`.
+    virtual std::vector<NodeStatus> nodes_behind(const NodeAddress &after,
+                                                 std::size_t count) const {
+        return static_cast<void>(after), static_cast<void>(count), std::vector<NodeStatus>();
+    }
 };
 
 } // namespace ds::relay

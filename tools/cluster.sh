@@ -54,6 +54,16 @@ never() {
     fi
 }
 
+# shows FILE PATTERN DESCRIPTION: the file, which is whole, has a line that matches.
+shows() {
+    if grep -qE -- "$2" "$1"; then
+        printf '  ok      %s\n' "$3"
+    else
+        fail "$3"
+        sed 's/^/          /' "$1"
+    fi
+}
+
 # start NAME PROGRAM...: in the background, its output in a file of that name.
 start() {
     local name=$1
@@ -162,6 +172,9 @@ stop a 9
 for node in b c; do
     await "$folder/$node-everywhere.log" '^- .*10\.0\.0\.1:7000' "node $node is told that the service is gone"
 done
+dsctl b nodes >"$folder/nodes.log"
+shows "$folder/nodes.log" '^02:00:00:00:00:0a +no +down' "node b knows that node a is down"
+shows "$folder/nodes.log" '^02:00:00:00:00:0c +no +up +west' "and node c up, in rack west"
 await "$folder/b-in-rack.log" '^- .*10\.0\.0\.1:7001' "node b is told so of the rack's service"
 
 heading "Node a comes back, and its publishers with it"
@@ -172,10 +185,16 @@ publish a here 10.0.0.1:7002 local
 publish a back-again 10.0.0.1:7003 system
 watch c back-again
 await "$folder/c-back-again.log" '10\.0\.0\.1:7003' "node c sees what node a publishes now"
-echo
-dsctl c list -o wide
-echo
-dsctl c nodes
+dsctl c status >"$folder/status.log"
+shows "$folder/status.log" '^  state +connected$' "node c says that its relay is connected"
+shows "$folder/status.log" '^  nodes +3$' "to a store with three nodes"
+shows "$folder/status.log" '^  latency +last .*p99' "whose latency it has measured"
+shows "$folder/status.log" '^  outages +0$' "and that it never lost it for long"
+for view in "list -o wide" "nodes" "status"; do
+    printf '\ndsctl %s\n' "$view"
+    # shellcheck disable=SC2086
+    dsctl c $view
+done
 
 heading "$([[ $failures -eq 0 ]] && echo 'All checks hold.' || echo "$failures checks failed.")"
 [[ $failures -eq 0 ]]

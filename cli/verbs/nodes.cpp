@@ -10,29 +10,32 @@ namespace ds::cli {
 namespace {
 
 constexpr char description[] =
-    "Lists the nodes that the directory has heard of since its start: this one, and those whose\n"
-    "services a relay has delivered. The counters are those of the node's services; DOWN is how\n"
-    "often the node was reported down.";
+    "Lists the nodes of the cluster: this one, those that the relay holds for alive, and those\n"
+    "that the directory has heard of since its start. STATE is up, down or, while the relay is\n"
+    "away, unknown; AGE is that of the node's daemon, by that node's clock; SERVICES are those\n"
+    "known here; DOWN is how often the node was reported down. The wide format adds counters.";
 
 constexpr char examples[] = "Examples:\n"
                             "  dsctl nodes\n"
+                            "  dsctl nodes -o wide\n"
                             "  dsctl nodes -o json | jq '.[] | select(.times_down > 0)'\n";
 
 int nodes(const Context &context) {
-    v1::Request request;
-    request.mutable_nodes();
-    v1::Reply reply;
-    const int code = ask(context, "cannot ask for the nodes", request, reply);
-    if (code != exit_ok) return code;
-    Records records(context, node_titles());
-    const std::uint64_t now_ns = wall_now_ns();
-    for (const v1::Node &node : reply.nodes().nodes()) {
-        if (context.is_json()) {
-            records.add(node_json(node, now_ns));
-        } else {
-            records.add(node_row(node, now_ns));
+    Daemon daemon;
+    if (const int code = connect(context, daemon); code != exit_ok) return code;
+    Records records(context, node_titles(context.is_wide()));
+    const client::Outcome outcome = node_pages(daemon, [&](const v1::NodesReply &page) {
+        const std::uint64_t now_ns = wall_now_ns();
+        for (const v1::Node &node : page.nodes()) {
+            if (context.is_json()) {
+                records.add(node_json(node, now_ns));
+            } else {
+                records.add(node_row(node, context.is_wide(), now_ns));
+            }
         }
-    }
+        records.end_page();
+    });
+    if (!outcome.ok()) return fail("cannot list the nodes", outcome);
     records.finish();
     return exit_ok;
 }

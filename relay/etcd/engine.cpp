@@ -119,11 +119,6 @@ Task<void> run_stop(std::shared_ptr<Core> core, bool keep_published, std::functi
     if (done) done();
 }
 
-EtcdNodeStatus status_of(const NodeAddress &address, const etcd::NodeInfo &info,
-                         std::uint64_t entries) {
-    return {address, false, info.rack, info.host_name, info.boot_id, info.started_ns, entries};
-}
-
 } // namespace
 
 EtcdEngine::EtcdEngine(boost::asio::io_context &io, EtcdConfig config, EtcdHooks hooks)
@@ -162,11 +157,12 @@ void EtcdEngine::stop(bool keep_published, std::function<void()> done) {
                           boost::asio::detached);
 }
 
-EtcdStatus EtcdEngine::status() const {
+EngineStatus EtcdEngine::status() const {
     const Core &core = *core_;
     const etcd::Counters &counters = core.counters;
-    EtcdStatus status;
+    EngineStatus status;
     status.state = state_text(core);
+    status.is_connected = core.is_reported_connected;
     status.fatal = core.fatal;
     status.endpoint = core.endpoint;
     status.version = core.member_version;
@@ -188,14 +184,19 @@ EtcdStatus EtcdEngine::status() const {
     status.refused = core.journal.refused();
     status.refusals = core.journal.refusals();
     status.errors = core.journal.errors();
-    if (core.state == State::connected) {
-        status.nodes.push_back(status_of(core.config.node, core.self, core.own.known_count()));
-        status.nodes.back().is_self = true;
-    }
-    for (const auto &[address, node] : core.view.nodes())
-        if (node.info) status.nodes.push_back(status_of(address, *node.info, node.told));
-    std::ranges::sort(status.nodes, {}, &EtcdNodeStatus::address);
+    status.nodes = core.view.nodes().size() + (core.state == State::connected ? 1 : 0);
     return status;
+}
+
+std::vector<NodeStatus> EtcdEngine::nodes_behind(const NodeAddress &after,
+                                                 std::size_t count) const {
+    std::vector<NodeStatus> found;
+    const auto &nodes = core_->view.nodes();
+    for (auto next = nodes.upper_bound(after); next != nodes.end() && found.size() < count; ++next)
+        if (const auto &[address, node] = *next; node.info)
+            found.push_back({address, node.info->rack, node.info->host_name, node.info->boot_id,
+                             node.info->started_ns, node.told});
+    return found;
 }
 
 } // namespace ds::relay

@@ -9,7 +9,6 @@
 
 #include "relay/engine.h"
 #include "relay/etcd/config.h"
-#include "relay/etcd/status.h"
 
 namespace boost::asio {
 class io_context;
@@ -45,7 +44,9 @@ class EtcdEngine final : public Engine {
     // takes nothing from now on.
     void stop(bool keep_published, std::function<void()> done);
 
-    EtcdStatus status() const;
+    EngineStatus status() const override;
+    std::vector<NodeStatus> nodes_behind(const NodeAddress &after,
+                                         std::size_t count) const override;
 
   private:
     std::shared_ptr<etcd::Core> core_;

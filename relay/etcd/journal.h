@@ -9,29 +9,7 @@
 #include <string_view>
 #include <vector>
 
-namespace ds::relay {
-
-struct ErrorCount {
-    std::string text;
-    std::uint64_t count = 0;
-    std::uint64_t last_ns = 0; // since 1970
-};
-
-// An entry of the store, or an update of the directory, that was not accepted.
-struct Refusal {
-    std::string key;
-    std::string reason;
-};
-
-// How long a write of this node took until the node saw it come back, in microseconds.
-struct EchoDelay {
-    std::uint64_t count = 0; // since the start
-    std::uint32_t last_us = 0;
-    std::uint32_t p50_us = 0; // of the newest 1,024
-    std::uint32_t p99_us = 0;
-};
-
-} // namespace ds::relay
+#include "relay/status.h"
 
 namespace ds::relay::etcd {
 

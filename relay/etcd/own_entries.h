@@ -78,7 +78,6 @@ class OwnEntries {
 
     bool is_settled() const { return dirty_.empty() && in_flight_.empty(); }
     std::size_t waiting() const { return dirty_.size() + in_flight_.size(); }
-    std::size_t known_count() const { return known_.size(); }
     bool is_busy(const std::string &key) const {
         return in_flight_.contains(key) || is_dirty_.contains(key);
     }

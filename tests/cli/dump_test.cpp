@@ -7,6 +7,7 @@
 #include "cli/dump_json.h"
 #include "cli/dump_rows.h"
 #include "cli/endpoint.h"
+#include "cli/relay_status.h"
 #include "cli/vocabulary.h"
 
 namespace ds::cli {
@@ -104,8 +105,8 @@ TEST_F(DumpOutput, every_row_has_a_cell_for_every_title) {
         EXPECT_EQ(holdings[0].size(), dump_titles(v1::DUMP_KIND_CLIENTS, wide).size());
         EXPECT_EQ(holdings[1].size(), dump_titles(v1::DUMP_KIND_CLIENTS, wide).size());
         EXPECT_EQ(client_row(make_client(), wide, now_ns).size(), client_titles(wide).size());
+        EXPECT_EQ(node_row(v1::Node(), wide, now_ns).size(), node_titles(wide).size());
     }
-    EXPECT_EQ(node_row(v1::Node(), now_ns).size(), node_titles().size());
 }
 
 TEST_F(DumpOutput, wide_only_adds_columns_behind_the_others) {
@@ -188,12 +189,51 @@ TEST_F(DumpOutput, what_a_frame_had_no_room_for_is_counted) {
 TEST_F(DumpOutput, a_node_that_was_never_down_has_no_time_of_it) {
     v1::Node node;
     node.set_address(std::string("\x02\x00\x00\x00\x00\x01", 6));
+    node.set_state(v1::NODE_STATE_UP);
+    node.set_rack("east");
+    node.set_host_name("n1");
+    node.set_started_ns(now_ns - 90 * second);
+    node.set_services(7);
     node.set_services_added(2);
     node.set_last_change_ns(now_ns - 3 * 86'400 * second);
 
-    EXPECT_EQ(node_row(node, now_ns), (Cells{"02:00:00:00:00:01", "no", "2", "0", "0",
-                                             "2023-11-11T23:13:20", "3d0h", "0", "", ""}));
+    EXPECT_EQ(node_row(node, true, now_ns),
+              (Cells{"02:00:00:00:00:01", "no", "up", "east", "n1", "1m30s", "7", "0", "", "", "2",
+                     "0", "0", "2023-11-11T23:13:20", "3d0h"}));
     EXPECT_TRUE(node_json(node, now_ns)["last_down"].is_null());
+    EXPECT_EQ(node_json(node, now_ns)["services"], 7);
+}
+
+TEST_F(DumpOutput, of_a_node_that_is_not_up_nothing_is_told_that_nobody_knows) {
+    v1::Node node;
+    node.set_address(std::string("\x02\x00\x00\x00\x00\x01", 6));
+    node.set_state(v1::NODE_STATE_DOWN);
+    node.set_times_down(1);
+
+    EXPECT_EQ(node_row(node, false, now_ns),
+              (Cells{"02:00:00:00:00:01", "no", "down", "", "", "", "", "1", "", ""}));
+    for (const char *key : {"rack", "host", "started", "services"})
+        EXPECT_TRUE(node_json(node, now_ns)[key].is_null()) << key;
+}
+
+TEST_F(DumpOutput, the_relay_s_troubles_are_told_with_their_count_and_age) {
+    v1::RelayStatus relay;
+    relay.set_state("connecting");
+    relay.set_echo_count(1);
+    relay.set_echo_last_us(1'002);
+    v1::RelayError &error = *relay.add_errors();
+    error.set_text("no answer");
+    error.set_count(3);
+    error.set_last_ns(now_ns - 5 * second);
+
+    const std::string text = fields_text(relay_fields(relay, now_ns), false);
+    const Json json = relay_json(relay, now_ns);
+
+    EXPECT_NE(text.find("  error          no answer (3, last 5s ago)\n"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("last 1.002ms, p50 0.000ms"), std::string::npos) << text;
+    EXPECT_EQ(json["errors"][0]["last_age_ns"], 5 * second);
+    EXPECT_TRUE(json["epoch"].is_null());
 }
 
 TEST_F(DumpOutput, statistics_derive_what_is_there_from_counters_that_wrap) {

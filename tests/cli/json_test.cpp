@@ -59,11 +59,12 @@ TEST(JsonOutput, a_status_without_a_trace_directory_says_null) {
     status.set_sessions(2);
     status.set_relay("none");
 
-    const Json json = status_json(status);
+    const Json json = status_json(status, 0);
 
     EXPECT_TRUE(json["trace_directory"].is_null());
     EXPECT_EQ(json["sessions"], 2u);
     EXPECT_EQ(json["relay"], "none");
+    EXPECT_TRUE(json["relay_status"].is_null());
 }
 
 } // namespace

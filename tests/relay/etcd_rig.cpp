@@ -93,7 +93,7 @@ class EtcdRig final : public Rig {
     std::string describe() const override {
         std::string text;
         for (const auto &[number, engine] : engines_) {
-            const EtcdStatus status = engine->status();
+            const EngineStatus status = engine->status();
             text += "\nnode " + std::to_string(number) + ": " + status.state + ", waiting " +
                     std::to_string(status.waiting) + ", audits " + std::to_string(status.audits) +
                     ", did " + directories_.at(number)->events();

@@ -222,10 +222,10 @@ TEST_F(Inspect, the_own_node_is_listed_with_its_counters) {
     const std::string table = out_of({"nodes"});
     const std::string json = out_of({"nodes", "-o", "json"});
 
-    EXPECT_TRUE(table.starts_with("NODE               LOCAL  ADDED")) << table;
-    EXPECT_EQ(python(json, "[(n['local'], n['services_added'], n['services_deleted'], "
-                           "n['times_down'], n['last_down']) for n in x]"),
-              "[(True, 1, 1, 0, None)]");
+    EXPECT_TRUE(table.starts_with("NODE               LOCAL  STATE  RACK ")) << table;
+    EXPECT_EQ(python(json, "[(n['local'], n['state'], n['services'], n['services_added'], "
+                           "n['services_deleted'], n['times_down'], n['last_down']) for n in x]"),
+              "[(True, 'up', 0, 1, 1, 0, None)]");
 }
 
 TEST_F(Inspect, statistics_tell_how_many_there_are_and_how_many_there_were) {

@@ -1,32 +1,54 @@
-// What an operator is shown of the engine.
+// What operators are shown of an engine.
 #pragma once
 #include <cstdint>
 #include <string>
 #include <vector>
 
-#include "relay/engine.h"
-#include "relay/etcd/journal.h"
+#include "relay/node_address.h"
 
 namespace ds::relay {
 
-struct EtcdNodeStatus {
+// Something that went wrong, by its text.
+struct ErrorCount {
+    std::string text;
+    std::uint64_t count = 0;
+    std::uint64_t last_ns = 0; // since 1970
+};
+
+// An entry of the store, or an update of the directory, that was not accepted.
+struct Refusal {
+    std::string key;
+    std::string reason;
+};
+
+// How long a write of this node took until the node saw it come back, in microseconds.
+struct EchoDelay {
+    std::uint64_t count = 0; // since the start
+    std::uint32_t last_us = 0;
+    std::uint32_t p50_us = 0; // of the newest 1,024
+    std::uint32_t p99_us = 0;
+};
+
+// A node that is alive by what the store says.
+struct NodeStatus {
     NodeAddress address = {};
-    bool is_self = false;
     std::string rack;
     std::string host_name;
-    std::string boot_id;
-    std::uint64_t started_ns = 0; // since 1970
+    std::string boot_id;          // one life of its daemon
+    std::uint64_t started_ns = 0; // since 1970, by that node's clock
     std::uint64_t entries = 0;    // of this node that the directory knows of
 };
 
-// Counts are since the start of the engine.
-struct EtcdStatus {
+// Counts are since the start of the engine. An engine leaves what it does not have.
+struct EngineStatus {
     std::string state;         // one or a few words: docs/relay.md explains them
+    bool is_connected = false; // to the directory's knowledge
     std::string fatal;         // why the engine has given up; empty: it has not
     std::string endpoint;      // in use, or tried last
     std::string version;       // of that member
     std::string epoch;         // of the store; empty: not known yet
     std::int64_t revision = 0; // the newest that was seen
+    std::uint64_t nodes = 0;   // alive, this one included while it is connected
     EchoDelay echo_delay;
     std::uint64_t sessions = 0;
     std::uint64_t outages = 0;
@@ -43,7 +65,6 @@ struct EtcdStatus {
     std::uint64_t refused = 0;
     std::vector<Refusal> refusals; // the newest
     std::vector<ErrorCount> errors;
-    std::vector<EtcdNodeStatus> nodes; // by address; this node's own only while it is connected
 };
 
 } // namespace ds::relay
