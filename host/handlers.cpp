@@ -149,7 +149,7 @@ void handle_withdraw(Call &call) {
         !text.empty())
         return refuse(call.reply, v1::STATUS_INVALID, std::move(text));
     const bool is_withdrawn = call.server.directory().withdraw(
-        call.session.client(), withdraw.name(), withdraw.instance(),
+        call.session.client(), withdraw.name(), to_directory_instance(withdraw.instance()),
         static_cast<std::uint32_t>(withdraw.scope()));
     if (!is_withdrawn)
         return refuse(call.reply, v1::STATUS_NOT_FOUND,

@@ -5,6 +5,7 @@
 
 #include "ds.pb.h"
 #include "host/fields.h"
+#include "host/records.h"
 #include "proto/frame.h"
 
 namespace ds::host {

@@ -115,11 +115,6 @@ std::string check_publication(const v1::Publish &publish) {
     return text;
 }
 
-void PublishInfoDeleter::operator()(ds_service_publish_info *info) const {
-    vidl_ds_service_publish_info_free_ext(info, std::free, 0);
-    std::free(info);
-}
-
 PublishInfo make_publish_info(const v1::Publish &publish) {
     PublishInfo info(allocate_cleared<ds_service_publish_info>(1));
     VIDL_SET(info.get(), service_name, DS_PINFO_BIT_NAME, allocate_text(publish.name()));

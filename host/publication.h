@@ -1,12 +1,11 @@
 // From a publish request to what the directory keeps.
 #pragma once
 #include <cstddef>
-#include <memory>
 #include <string>
 #include <string_view>
 
 #include "ds.pb.h"
-#include "ds_server_lib.h"
+#include "host/publish_info.h"
 
 namespace ds::host {
 
@@ -16,12 +15,6 @@ std::string check_identity(std::string_view name, std::string_view instance, v1:
 
 // The same for everything that a publication carries.
 std::string check_publication(const v1::Publish &publish);
-
-// A publish info with all it owns: heap memory, as the directory releases it with free().
-struct PublishInfoDeleter {
-    void operator()(ds_service_publish_info *info) const;
-};
-using PublishInfo = std::unique_ptr<ds_service_publish_info, PublishInfoDeleter>;
 
 // Of a checked request. Throws std::bad_alloc.
 PublishInfo make_publish_info(const v1::Publish &publish);

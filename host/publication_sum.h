@@ -8,21 +8,29 @@
 // number that all is back.
 #pragma once
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
-
-#include "host/unique_fd.h"
 
 namespace ds::host {
 
 class PublicationSum {
   public:
-    // Without a file: nothing was published before, and nothing outlives the process.
+    // What outlives the daemon. All zero: nothing was published.
+    struct Record {
+        char magic[8];
+        char boot_id[40]; // of the machine's boot, as the kernel writes it
+        std::uint64_t sum;
+        std::uint64_t is_inexact; // 1: there were publications while the sum was not settled
+    };
+    using RecordOwner = std::unique_ptr<Record, void (*)(Record *)>;
+
+    // Without a record: nothing was published before, and nothing outlives the process.
     PublicationSum() = default;
-    // A missing or foreign file, or one from before the machine's last boot, counts as empty.
-    // Throws StartError when the file cannot be made.
+    explicit PublicationSum(RecordOwner record);
+    // In a file (publication_file.cpp). A missing or foreign file, or one from before the machine's
+    // last boot, counts as empty. Throws StartError when the file cannot be made.
     explicit PublicationSum(const std::string &path);
-    ~PublicationSum();
     PublicationSum(const PublicationSum &) = delete;
     PublicationSum &operator=(const PublicationSum &) = delete;
 
@@ -40,15 +48,13 @@ class PublicationSum {
     void settle();
 
   private:
-    struct Record;
-
     void change(std::uint64_t by);
 
     std::uint64_t sum_ = 0;
     std::uint64_t count_ = 0;
     std::uint64_t expected_ = 0;
-    bool is_exact_ = true;     // nothing but what was expected had been published
-    Record *record_ = nullptr; // in the mapped file
+    bool is_exact_ = true; // nothing but what was expected had been published
+    RecordOwner record_{nullptr, [](Record *) {}};
     bool is_settled_ = false;
 };
 

@@ -1,5 +1,7 @@
 #include "host/restart.h"
 
+#include <utility>
+
 namespace ds::host {
 
 namespace {
@@ -23,18 +25,19 @@ mgd_timer_duration_t duration_of(std::chrono::milliseconds wait) {
             static_cast<std::uint32_t>((fraction_ms << 32) / ms_per_s)};
 }
 
-} // namespace
-
-Restart::Restart(Loop &loop, Directory &directory, relay::Engine &engine, PublicationSum &sum,
-                 std::chrono::milliseconds window, std::function<void()> on_end)
-    : loop_(loop), directory_(directory), engine_(engine), sum_(sum), window_(window),
-      on_end_(std::move(on_end)), window_alarm_([this] { is_window_over_ = true; }) {
-    directory_.on_timer([this](mgd_timer_t *timer) { on_timer(timer); });
+mgd_timer_t *new_timer() {
+    return mgd_timer_leaf_new(timer_of(DS_GLOBAL_SLOT_TIMER_PARENT),
+                              ds_globals_get()->slot[DS_GLOBAL_SLOT_TIMER_CONTEXT], 0, 0);
 }
 
+} // namespace
+
+Restart::Restart(Records &records, relay::Engine &engine, PublicationSum &sum,
+                 std::chrono::milliseconds window, std::function<void()> on_end)
+    : records_(records), engine_(engine), sum_(sum), window_(window), on_end_(std::move(on_end)) {}
+
 Restart::~Restart() {
-    directory_.on_timer({});
-    loop_.disarm(window_alarm_);
+    close_window();
     for (const int slot : {DS_GLOBAL_SLOT_OWN_RESTART_TIMER, DS_GLOBAL_SLOT_RELAY_RESTART_TIMER}) {
         mgd_timer_release(timer_of(slot));
         ds_globals_get()->slot[slot] = 0;
@@ -51,17 +54,26 @@ void Restart::start() {
 }
 
 void Restart::open_own_period() {
-    ds_globals_t *block = ds_globals_get();
-    mgd_timer_t *parent = timer_of(DS_GLOBAL_SLOT_TIMER_PARENT);
-    mgd_timer_t *timer =
-        mgd_timer_leaf_new(parent, block->slot[DS_GLOBAL_SLOT_TIMER_CONTEXT], 0, 0);
+    mgd_timer_t *timer = new_timer();
     if (timer == nullptr) return sum_.settle();
-    block->slot[DS_GLOBAL_SLOT_OWN_RESTART_TIMER] = reinterpret_cast<std::uint64_t>(timer);
+    ds_globals_get()->slot[DS_GLOBAL_SLOT_OWN_RESTART_TIMER] =
+        reinterpret_cast<std::uint64_t>(timer);
     const bool with_relay = engine_.is_replicating();
     mgd_timer_leaf_start(timer, with_relay ? own_period_with_relay : duration_of(window_));
-    if (!with_relay) return;
-    const auto window_ns = std::chrono::duration_cast<std::chrono::nanoseconds>(window_).count();
-    loop_.arm(window_alarm_, loop_.now_ns() + static_cast<std::uint64_t>(window_ns));
+    if (with_relay) open_window();
+}
+
+// Without memory for a timer nobody is waited for but those that the relay knows.
+void Restart::open_window() {
+    window_timer_ = new_timer();
+    if (window_timer_ == nullptr)
+        is_window_over_ = true;
+    else
+        mgd_timer_leaf_start(window_timer_, duration_of(window_));
+}
+
+void Restart::close_window() {
+    mgd_timer_release(std::exchange(window_timer_, nullptr));
 }
 
 bool Restart::is_own_period_open() const {
@@ -85,8 +97,8 @@ void Restart::end_periods() {
     ds_db_finalize_restart();
     for (const int slot : {DS_GLOBAL_SLOT_OWN_RESTART_TIMER, DS_GLOBAL_SLOT_RELAY_RESTART_TIMER})
         if (is_running(slot)) mgd_timer_leaf_stop(timer_of(slot));
-    loop_.disarm(window_alarm_);
-    directory_.drop_empty_names();
+    close_window();
+    records_.drop_empty_names();
     sum_.settle();
     waiting_.clear();
     on_end_();
@@ -94,6 +106,10 @@ void Restart::end_periods() {
 
 // Only the timers of the block end a period; one that a later disconnection has replaced does not.
 void Restart::on_timer(mgd_timer_t *timer) {
+    if (timer == window_timer_) {
+        is_window_over_ = true;
+        return close_window();
+    }
     const bool is_own = timer == timer_of(DS_GLOBAL_SLOT_OWN_RESTART_TIMER);
     if (!is_own && timer != timer_of(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER))
         return mgd_timer_release(timer);
@@ -108,7 +124,7 @@ void Restart::on_timer(mgd_timer_t *timer) {
 void Restart::connected() {
     is_listed_ = false;
     dsr_connect_cb();
-    directory_.changed();
+    records_.changed();
 }
 
 void Restart::disconnected() {
@@ -116,22 +132,22 @@ void Restart::disconnected() {
     mgd_timer_release(timer_of(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER));
     ds_globals_get()->slot[DS_GLOBAL_SLOT_RELAY_RESTART_TIMER] = 0;
     dsr_disconn_cb();
-    directory_.changed();
+    records_.changed();
 }
 
 void Restart::received(const relay::NodeAddress &sender, const dsr_update_t &update) {
     dsr_receive_cb(update.operation, sender.data(), update.service_name, update.service_id,
                    update.instance, update.scope, update.pid, update.version, update.ep_bytes,
                    update.ep_len, update.attr_bytes, update.attr_len);
-    directory_.changed();
+    records_.changed();
     const bool is_replayed =
-        sender == directory_.node() && update.operation != DSR_DELETE && is_own_period_open();
+        sender == records_.node() && update.operation != DSR_DELETE && is_own_period_open();
     if (is_replayed && !is_published_again(update)) waiting_.insert(update.service_id);
 }
 
 bool Restart::is_published_again(const dsr_update_t &update) const {
     const ds_service_t *service =
-        directory_.find_local_service(update.service_name, update.service_id);
+        records_.find_local_service(update.service_name, update.service_id);
     return service != nullptr && (service->flags & DS_SERVICE_FLAG_RECONCILE) != 0;
 }
 
@@ -148,7 +164,7 @@ void Restart::listed() {
 
 void Restart::node_down(const relay::NodeAddress &node) {
     dsr_peer_down_cb(node.data());
-    directory_.drop_empty_names();
+    records_.drop_empty_names();
 }
 
 } // namespace ds::host

@@ -6,15 +6,17 @@
 // published or when the daemon before this one had publications. It ends as soon as all of it is
 // back, at the latest when its timer expires. The relay's period is opened by a disconnection and
 // ends as soon as the engine has delivered its list, at the latest when its timer expires.
+//
+// All timers are the platform's, below the parent of the global block; whoever lends them the time
+// passes what expires on to on_timer().
 #pragma once
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <unordered_set>
 
-#include "host/directory.h"
-#include "host/loop.h"
 #include "host/publication_sum.h"
+#include "host/records.h"
 #include "relay/engine.h"
 
 namespace ds::host {
@@ -25,7 +27,7 @@ class Restart final : public relay::Events {
     static constexpr std::chrono::milliseconds default_window{5000};
 
     // `on_end` is called when a period has ended: clients can be told so.
-    Restart(Loop &loop, Directory &directory, relay::Engine &engine, PublicationSum &sum,
+    Restart(Records &records, relay::Engine &engine, PublicationSum &sum,
             std::chrono::milliseconds window, std::function<void()> on_end);
     ~Restart();
     Restart(const Restart &) = delete;
@@ -41,6 +43,7 @@ class Restart final : public relay::Events {
     // the same.
     void published(const ds_service_t &service);
 
+    // A timer of the library has expired; it counts as running meanwhile.
     void on_timer(mgd_timer_t *timer);
 
     // ---- what the engine reports ----
@@ -56,17 +59,18 @@ class Restart final : public relay::Events {
     bool is_published_again(const dsr_update_t &update) const;
     void end_periods();
     void open_own_period();
+    void open_window();
+    void close_window();
 
-    Loop &loop_;
-    Directory &directory_;
+    Records &records_;
     relay::Engine &engine_;
     PublicationSum &sum_;
     std::chrono::milliseconds window_;
     std::function<void()> on_end_;
     std::unordered_set<std::uint32_t> waiting_; // replayed ids that no client has published again
     bool is_listed_ = false;
+    mgd_timer_t *window_timer_ = nullptr; // null: not waiting for clients beside the relay
     bool is_window_over_ = false;
-    Alarm window_alarm_;
 };
 
 } // namespace ds::host

@@ -22,7 +22,7 @@ constexpr std::uint64_t ns_per_ms = 1'000'000;
 Server::Server(Loop &loop, const Config &config, relay::Engine &engine, PublicationSum &sum,
                UniqueFd listening_socket)
     : loop_(loop), config_(config), engine_(engine), directory_(loop, *this, engine, sum, config),
-      restart_(loop, directory_, engine, sum, std::chrono::milliseconds(config.restart_window_ms),
+      restart_(directory_, engine, sum, std::chrono::milliseconds(config.restart_window_ms),
                [this] { tell_end_of_restart(); }),
       requests_(*this), rules_(config.rules), accounts_(config.limits),
       drain_alarm_([this] { end_overdue_drains(); }), stop_alarm_([this] { loop_.stop(); }),
@@ -31,10 +31,12 @@ Server::Server(Loop &loop, const Config &config, relay::Engine &engine, Publicat
         listener_.emplace(loop_, std::move(listening_socket),
                           [this](UniqueFd connection) { accept(std::move(connection)); });
     loop_.at_end_of_turn([this] { end_turn(); });
+    directory_.on_timer([this](mgd_timer_t *timer) { restart_.on_timer(timer); });
     restart_.start();
 }
 
 Server::~Server() {
+    directory_.on_timer({});
     loop_.disarm(drain_alarm_);
     loop_.disarm(stop_alarm_);
 }

@@ -3,6 +3,7 @@
 #include "ds.pb.h"
 #include "host/fields.h"
 #include "host/names.h"
+#include "host/records.h"
 #include "platform_default/platform_default.h"
 
 namespace ds::host {
@@ -25,22 +26,6 @@ void *path_memory(std::size_t size) {
 }
 
 } // namespace
-
-bool is_restart_period_open() {
-    for (const int slot : {DS_GLOBAL_SLOT_OWN_RESTART_TIMER, DS_GLOBAL_SLOT_RELAY_RESTART_TIMER}) {
-        auto *timer = reinterpret_cast<mgd_timer_t *>(ds_globals_get()->slot[slot]);
-        if (timer != nullptr && mgd_timer_leaf_running(timer) != 0) return true;
-    }
-    return false;
-}
-
-bool is_live(const ds_service_t *service) {
-    return service->proc_id != DS_PROC_ID_FROM_DSR;
-}
-
-bool has_live_services(ds_service_elem_t *element) {
-    return ds_db_service_element_has_services(element, DS_SCOPE_ANY) != 0;
-}
 
 void encode_endpoint(std::uint32_t type, const std::uint8_t *bytes, std::uint64_t length,
                      std::string &out) {

@@ -24,18 +24,12 @@ inline constexpr std::size_t instances_always_fit = 200;
 // `resynced` says that a restart period has ended since the reader was told of the name.
 void encode_snapshot(ds_service_elem_t *element, std::string &out, bool resynced = false);
 
-// While it is, snapshots say that they are reconciling.
-bool is_restart_period_open();
-
 // Appends the encoded Instance of one live service.
 void encode_instance(const ds_service_t *service, std::string &out);
 
 // Appends the encoded Endpoint; nothing for no bytes. type: DS_EP_TYPE_*.
 void encode_endpoint(std::uint32_t type, const std::uint8_t *bytes, std::uint64_t length,
                      std::string &out);
-
-bool is_live(const ds_service_t *service);
-bool has_live_services(ds_service_elem_t *element);
 
 // The snapshots encoded in this turn. All who are told of an element share its bytes.
 class SnapshotCache {
