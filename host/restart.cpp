@@ -38,6 +38,7 @@ Restart::Restart(Records &records, relay::Engine &engine, PublicationSum &sum,
 
 Restart::~Restart() {
     close_window();
+    end_hold();
     for (const int slot : {DS_GLOBAL_SLOT_OWN_RESTART_TIMER, DS_GLOBAL_SLOT_RELAY_RESTART_TIMER}) {
         mgd_timer_release(timer_of(slot));
         ds_globals_get()->slot[slot] = 0;
@@ -60,7 +61,10 @@ void Restart::open_own_period() {
         reinterpret_cast<std::uint64_t>(timer);
     const bool with_relay = engine_.is_replicating();
     mgd_timer_leaf_start(timer, with_relay ? own_period_with_relay : duration_of(window_));
-    if (with_relay) open_window();
+    if (!with_relay) return;
+    open_window();
+    hold_timer_ = new_timer();
+    if (hold_timer_ != nullptr) mgd_timer_leaf_start(hold_timer_, duration_of(hold_max));
 }
 
 // Without memory for a timer nobody is waited for but those that the relay knows.
@@ -74,6 +78,10 @@ void Restart::open_window() {
 
 void Restart::close_window() {
     mgd_timer_release(std::exchange(window_timer_, nullptr));
+}
+
+void Restart::end_hold() {
+    mgd_timer_release(std::exchange(hold_timer_, nullptr));
 }
 
 bool Restart::is_own_period_open() const {
@@ -110,6 +118,7 @@ void Restart::on_timer(mgd_timer_t *timer) {
         is_window_over_ = true;
         return close_window();
     }
+    if (timer == hold_timer_) return end_hold();
     const bool is_own = timer == timer_of(DS_GLOBAL_SLOT_OWN_RESTART_TIMER);
     if (!is_own && timer != timer_of(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER))
         return mgd_timer_release(timer);
@@ -157,6 +166,7 @@ void Restart::published(const ds_service_t &service) {
 
 void Restart::listed() {
     is_listed_ = true;
+    end_hold();
     // Changes that follow the list must find the services settled. When the own period is open as
     // well it ends here, too: clients that are not back yet will publish anew.
     if (is_running(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER)) end_periods();

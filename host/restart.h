@@ -25,6 +25,9 @@ class Restart final : public relay::Events {
   public:
     // How long clients may take to come back when no relay says what is missing.
     static constexpr std::chrono::milliseconds default_window{5000};
+    // How long clients wait for the relay to deliver what this node had published. What a client
+    // publishes afterwards is recognised as the same, or as a change of it, and never told twice.
+    static constexpr std::chrono::milliseconds hold_max{2000};
 
     // `on_end` is called when a period has ended: clients can be told so.
     Restart(Records &records, relay::Engine &engine, PublicationSum &sum,
@@ -38,6 +41,8 @@ class Restart final : public relay::Events {
     // Ends the own period if everything is back; to be called at the end of each turn.
     void end_if_complete();
     bool is_own_period_open() const;
+    // False while clients have to wait; once true it stays so.
+    bool takes_clients() const { return hold_timer_ == nullptr; }
 
     // A client has published; the service has taken over what the relay replayed of it, if that was
     // the same.
@@ -61,6 +66,7 @@ class Restart final : public relay::Events {
     void open_own_period();
     void open_window();
     void close_window();
+    void end_hold();
 
     Records &records_;
     relay::Engine &engine_;
@@ -71,6 +77,7 @@ class Restart final : public relay::Events {
     bool is_listed_ = false;
     mgd_timer_t *window_timer_ = nullptr; // null: not waiting for clients beside the relay
     bool is_window_over_ = false;
+    mgd_timer_t *hold_timer_ = nullptr; // null: clients are taken
 };
 
 } // namespace ds::host

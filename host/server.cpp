@@ -25,20 +25,26 @@ Server::Server(Loop &loop, const Config &config, relay::Engine &engine, Publicat
       restart_(directory_, engine, sum, std::chrono::milliseconds(config.restart_window_ms),
                [this] { tell_end_of_restart(); }),
       requests_(*this), rules_(config.rules), accounts_(config.limits),
+      listening_socket_(std::move(listening_socket)),
       drain_alarm_([this] { end_overdue_drains(); }), stop_alarm_([this] { loop_.stop(); }),
       started_ns_(loop.now_ns()) {
-    if (listening_socket)
-        listener_.emplace(loop_, std::move(listening_socket),
-                          [this](UniqueFd connection) { accept(std::move(connection)); });
     loop_.at_end_of_turn([this] { end_turn(); });
     directory_.on_timer([this](mgd_timer_t *timer) { restart_.on_timer(timer); });
     restart_.start();
+    listen_if_clients_are_taken();
 }
 
 Server::~Server() {
     directory_.on_timer({});
     loop_.disarm(drain_alarm_);
     loop_.disarm(stop_alarm_);
+}
+
+// Until then whoever connects stays in the kernel's backlog.
+void Server::listen_if_clients_are_taken() {
+    if (!listening_socket_ || !restart_.takes_clients()) return;
+    listener_.emplace(loop_, std::move(listening_socket_),
+                      [this](UniqueFd connection) { accept(std::move(connection)); });
 }
 
 void Server::accept(UniqueFd connection) {
@@ -81,6 +87,7 @@ void Server::stop() {
     if (is_stopping_) return;
     is_stopping_ = true;
     listener_.reset();
+    listening_socket_.reset();
     sessions_.for_each([](Session &session) { session.drain(); });
     loop_.arm(stop_alarm_, loop_.now_ns() + stop_ns);
 }
@@ -171,6 +178,7 @@ void Server::end_turn() {
     const bool is_alone = accounts_.count() <= 1;
     shares_.run(is_alone, [this](Account &account) { serve(account); });
     restart_.end_if_complete(); // what was just served may be the last that was missing
+    listen_if_clients_are_taken();
     remove_gone();
     if (shares_.has_work()) loop_.turn_again();
     if (is_stopping_ && sessions_.count() == 0) loop_.stop();

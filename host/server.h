@@ -73,6 +73,7 @@ class Server final : private DirectoryClients {
     long process_id(std::uint64_t client) override;
     const char *process_name(std::uint64_t client) override;
 
+    void listen_if_clients_are_taken();
     void refuse(UniqueFd connection, std::string text);
     void serve(Account &account);
     void end_overdue_drains();
@@ -91,7 +92,8 @@ class Server final : private DirectoryClients {
     std::vector<Rule> rules_;
     Accounts accounts_;
     Shares shares_;
-    SessionTable sessions_; // behind the accounts, which the sessions leave at their end
+    SessionTable sessions_;     // behind the accounts, which the sessions leave at their end
+    UniqueFd listening_socket_; // until clients are taken
     std::optional<Listener> listener_;
     std::vector<std::uint64_t> to_remove_;
     struct Drain {

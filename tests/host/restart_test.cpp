@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <filesystem>
 #include <fstream>
@@ -55,14 +57,40 @@ class ScriptedEngine final : public relay::Engine {
     bool is_replicating_;
 };
 
+// A socket that listens at a name that the kernel has chosen, and connections to it.
+class ListeningSocket {
+  public:
+    ListeningSocket() : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+        address_.sun_family = AF_UNIX;
+        const auto *address = reinterpret_cast<const sockaddr *>(&address_);
+        const bool is_listening =
+            bind(fd_.get(), address, sizeof(sa_family_t)) == 0 &&
+            getsockname(fd_.get(), reinterpret_cast<sockaddr *>(&address_), &address_bytes_) == 0 &&
+            listen(fd_.get(), 5) == 0;
+        EXPECT_TRUE(is_listening);
+    }
+    UniqueFd take() { return std::move(fd_); }
+    UniqueFd connection() const {
+        UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const auto *address = reinterpret_cast<const sockaddr *>(&address_);
+        EXPECT_EQ(connect(fd.get(), address, address_bytes_), 0);
+        return fd;
+    }
+
+  private:
+    UniqueFd fd_;
+    sockaddr_un address_ = {};
+    socklen_t address_bytes_ = sizeof address_;
+};
+
 class RestartTest : public testing::Test {
   protected:
     void start(ScriptedEngine &engine) { start(engine, no_sum); }
-    void start(ScriptedEngine &engine, PublicationSum &sum) {
+    void start(ScriptedEngine &engine, PublicationSum &sum, UniqueFd socket = UniqueFd()) {
         config.socket = "/none/ds.sock";
         config.trace_dir = "/none/trace";
         config.node = own_node;
-        server.emplace(loop, config, engine, sum, UniqueFd());
+        server.emplace(loop, config, engine, sum, std::move(socket));
         replace_shared_server(&loop, &*server);
     }
     void TearDown() override {
@@ -238,6 +266,74 @@ TEST_F(RestartTest, a_replayed_service_that_is_published_again_is_kept_and_annou
     EXPECT_EQ(engine.sent, std::vector<std::string>{"MODIFY restart.replayed"});
     EXPECT_FALSE(snapshot.reconciling());
     EXPECT_EQ(snapshot.instances_size(), 1);
+}
+
+TEST_F(RestartTest, a_replayed_service_that_comes_back_with_another_endpoint_is_only_changed) {
+    ScriptedEngine engine;
+    start(engine);
+    Client publisher;
+    publisher.hello();
+    engine.events->connected();
+    engine.deliver(own_node, "restart.moved", 0x77000004, 9090);
+    engine.events->listed();
+    turn();
+
+    publisher.call(publish_request("restart.moved"));
+    turn();
+
+    EXPECT_EQ(engine.sent, std::vector<std::string>{"MODIFY restart.moved"});
+}
+
+TEST_F(RestartTest, clients_wait_until_the_relay_has_delivered_its_list) {
+    ScriptedEngine engine;
+    ListeningSocket socket;
+    start(engine, no_sum, socket.take());
+    const UniqueFd connection = socket.connection();
+    turn();
+    engine.events->connected();
+    turn();
+    const std::size_t taken_before = server->sessions().count();
+
+    engine.events->listed();
+    turn(); // clients are taken from its end on
+    turn();
+
+    EXPECT_EQ(taken_before, 0u);
+    EXPECT_EQ(server->sessions().count(), 1u);
+}
+
+TEST_F(RestartTest, clients_wait_no_longer_than_two_seconds_for_a_relay_that_is_away) {
+    ScriptedEngine engine;
+    ListeningSocket socket;
+    start(engine, no_sum, socket.take());
+    const UniqueFd connection = socket.connection();
+    advance_time(ns_per_s);
+    turn();
+    turn();
+    const std::size_t taken_before = server->sessions().count();
+
+    advance_time(ns_per_s);
+    turn();
+    turn();
+
+    EXPECT_EQ(taken_before, 0u);
+    EXPECT_EQ(server->sessions().count(), 1u);
+    EXPECT_TRUE(server->restart().is_own_period_open());
+}
+
+TEST_F(RestartTest, a_daemon_that_stops_before_it_took_clients_hangs_up_on_those_who_wait) {
+    ScriptedEngine engine;
+    ListeningSocket socket;
+    start(engine, no_sum, socket.take());
+    const UniqueFd connection = socket.connection();
+    loop.start();
+
+    server->stop();
+    turn();
+
+    char byte = 0;
+    EXPECT_LE(recv(connection.get(), &byte, 1, 0), 0);
+    EXPECT_FALSE(loop.is_running());
 }
 
 TEST_F(RestartTest, a_service_that_was_published_before_its_replay_ends_the_wait_with_it) {
