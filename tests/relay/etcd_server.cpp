@@ -66,18 +66,18 @@ int listen_for_readiness(const std::string &path) {
     return fd;
 }
 
-sockaddr_in loopback(std::uint16_t port) {
+sockaddr_in at(const std::string &host, std::uint16_t port) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    inet_pton(AF_INET, host.c_str(), &address.sin_addr);
     return address;
 }
 
 // Whether GET /health answers with health true.
-bool is_healthy(std::uint16_t port) {
+bool is_healthy(const std::string &host, std::uint16_t port) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = loopback(port);
+    const sockaddr_in address = at(host, port);
     std::string answer;
     if (connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0) {
         const std::string request = "GET /health HTTP/1.0\r\n\r\n";
@@ -99,7 +99,7 @@ std::uint16_t free_port() {
     for (int attempt = 0; attempt < 1000; attempt++) {
         const auto port = static_cast<std::uint16_t>(20'000 + random() % 12'000);
         const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const sockaddr_in address = loopback(port);
+        const sockaddr_in address = at("127.0.0.1", port);
         const bool is_free =
             bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
         close(fd);
@@ -139,33 +139,35 @@ Certificates make_certificates(const std::filesystem::path &directory, const std
 
 // ---- server ----
 
-EtcdServer::EtcdServer(const Certificates *tls)
-    : client_port_(free_port()), peer_port_(free_port()),
-      cluster_("default=http://127.0.0.1:" + std::to_string(peer_port_)), is_tls_(tls != nullptr) {
+EtcdServer::EtcdServer(const Certificates *tls, Place place)
+    : place_(std::move(place)), client_port_(free_port()), peer_port_(free_port()),
+      cluster_("default=http://" + place_.address + ":" + std::to_string(peer_port_)),
+      is_tls_(tls != nullptr) {
     if (is_tls_) tls_ = *tls;
 }
 
-EtcdServer::EtcdServer(std::string name, std::uint16_t peer_port, std::string cluster)
-    : name_(std::move(name)), client_port_(free_port()), peer_port_(peer_port),
-      cluster_(std::move(cluster)) {}
+EtcdServer::EtcdServer(std::string name, std::uint16_t peer_port, std::string cluster, Place place)
+    : place_(std::move(place)), name_(std::move(name)), client_port_(free_port()),
+      peer_port_(peer_port), cluster_(std::move(cluster)) {}
 
 EtcdServer::~EtcdServer() {
     kill();
 }
 
 std::string EtcdServer::endpoint() const {
-    return (is_tls_ ? "https" : "http") + std::string("://127.0.0.1:") +
-           std::to_string(client_port_);
+    return (is_tls_ ? "https://" : "http://") + place_.address + ':' + std::to_string(client_port_);
 }
 
 std::vector<std::string> EtcdServer::arguments() const {
-    const std::string peer = "http://127.0.0.1:" + std::to_string(peer_port_);
-    std::vector<std::string> result = {
-        "etcd", "--name", name_, "--data-dir", directory_.path() / "data", "--listen-client-urls",
-        endpoint(), "--advertise-client-urls", endpoint(), "--listen-peer-urls", peer,
-        "--initial-advertise-peer-urls", peer, "--initial-cluster", cluster_,
-        // Short, for short leases: the store grants none below one and a half elections.
-        "--heartbeat-interval", "50", "--election-timeout", "500"};
+    const std::string peer = "http://" + place_.address + ':' + std::to_string(peer_port_);
+    std::vector<std::string> result = place_.enter;
+    result.insert(result.end(),
+                  {"etcd", "--name", name_, "--data-dir", directory_.path() / "data",
+                   "--listen-client-urls", endpoint(), "--advertise-client-urls", endpoint(),
+                   "--listen-peer-urls", peer, "--initial-advertise-peer-urls", peer,
+                   "--initial-cluster", cluster_,
+                   // Short, for short leases: the store grants none below one and a half elections.
+                   "--heartbeat-interval", "50", "--election-timeout", "500"});
     if (is_tls_)
         for (const auto &[option, file] : {std::pair{"--cert-file", tls_.cert_file},
                                            {"--key-file", tls_.key_file},
@@ -192,7 +194,8 @@ void EtcdServer::await_ready() {
         throw std::runtime_error("etcd does not become ready: " +
                                  std::string(std::istreambuf_iterator<char>(log), {}));
     }
-    if (!is_tls_ && !is_healthy(client_port_)) throw std::runtime_error("etcd is not healthy");
+    if (!is_tls_ && !is_healthy(place_.address, client_port_))
+        throw std::runtime_error("etcd is not healthy");
 }
 
 void EtcdServer::kill() {
@@ -218,15 +221,15 @@ void EtcdServer::wipe() {
 
 // ---- cluster ----
 
-EtcdCluster::EtcdCluster() {
+EtcdCluster::EtcdCluster(const std::array<Place, 3> &places) {
     const std::uint16_t ports[] = {free_port(), free_port(), free_port()};
     std::string cluster;
-    for (int i = 0; i < 3; i++)
-        cluster += (i > 0 ? ",m" : "m") + std::to_string(i) +
-                   "=http://127.0.0.1:" + std::to_string(ports[i]);
-    for (int i = 0; i < 3; i++)
+    for (std::size_t i = 0; i < places.size(); i++)
+        cluster += (i > 0 ? ",m" : "m") + std::to_string(i) + "=http://" + places[i].address + ':' +
+                   std::to_string(ports[i]);
+    for (std::size_t i = 0; i < places.size(); i++)
         members_.push_back(
-            std::make_unique<EtcdServer>("m" + std::to_string(i), ports[i], cluster));
+            std::make_unique<EtcdServer>("m" + std::to_string(i), ports[i], cluster, places[i]));
     for (const auto &member : members_)
         member->launch();
     for (const auto &member : members_)

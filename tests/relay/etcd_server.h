@@ -4,6 +4,7 @@
 #pragma once
 #include <sys/types.h>
 
+#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -34,12 +35,18 @@ class TemporaryDirectory {
     std::filesystem::path path_;
 };
 
+// Where a server runs.
+struct Place {
+    std::string address = "127.0.0.1";   // that it listens at
+    std::vector<std::string> enter = {}; // a command that starts programs there; empty: here
+};
+
 class EtcdServer {
   public:
     // One member by itself; with certificates it speaks TLS only and asks clients for theirs.
-    explicit EtcdServer(const Certificates *tls = nullptr);
+    explicit EtcdServer(const Certificates *tls = nullptr, Place place = {});
     // One of several members; `cluster` is the same for all of them: "m0=http://...,m1=...".
-    EtcdServer(std::string name, std::uint16_t peer_port, std::string cluster);
+    EtcdServer(std::string name, std::uint16_t peer_port, std::string cluster, Place place = {});
     ~EtcdServer();
     EtcdServer(const EtcdServer &) = delete;
     EtcdServer &operator=(const EtcdServer &) = delete;
@@ -62,6 +69,7 @@ class EtcdServer {
     std::vector<std::string> arguments() const;
 
     TemporaryDirectory directory_;
+    Place place_;
     std::string name_ = "default";
     std::uint16_t client_port_, peer_port_;
     std::string cluster_;
@@ -74,7 +82,7 @@ class EtcdServer {
 // Three members.
 class EtcdCluster {
   public:
-    EtcdCluster();
+    explicit EtcdCluster(const std::array<Place, 3> &places = {});
     EtcdServer &member(std::size_t index) { return *members_[index]; }
     std::vector<std::string> endpoints() const;
 

@@ -146,7 +146,9 @@ Daemon::Daemon(const Options &options) : runtime_dir_(options.runtime_dir) {
     const Descriptor err(open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
     if (err.get() < 0) fail("open");
     Launch dsd;
-    dsd.arguments = {dsd_program(), "--runtime-dir", runtime_dir_};
+    dsd.arguments = options.enter;
+    for (const std::string &argument : {dsd_program(), std::string("--runtime-dir"), runtime_dir_})
+        dsd.arguments.push_back(argument);
     dsd.arguments.insert(dsd.arguments.end(), options.arguments.begin(), options.arguments.end());
     dsd.environment = options.environment;
     dsd.environment.emplace_back(sanitizer_options);

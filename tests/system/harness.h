@@ -198,6 +198,7 @@ class Daemon {
         std::vector<std::string> environment; // as in Launch
         rlim_t descriptors_max = 0;
         std::vector<std::string> arguments = {}; // beside the runtime directory
+        std::vector<std::string> enter = {};     // a command that starts the daemon elsewhere
     };
 
     Daemon() : Daemon(Options{}) {}
