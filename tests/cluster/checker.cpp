@@ -14,7 +14,8 @@ bool is_visible(const Node &from, const Node &to, v1::Scope scope) {
 }
 
 bool is_asked(const Node &node) {
-    return node.is_running() && !node.is_frozen();
+    const bool is_holding = !node.is_connected && node.options().on_outage == "hold";
+    return node.is_running() && !node.is_frozen() && !is_holding;
 }
 
 // One line for each service that is missing, too much or different.

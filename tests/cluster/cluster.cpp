@@ -82,7 +82,8 @@ std::uint32_t Node::times_down(const Node &other) {
     v1::Request request;
     request.mutable_nodes();
     system_test::Client client(socket());
-    for (const v1::Node &node : client.ok(request).nodes().nodes())
+    const v1::Reply reply = client.ok(request);
+    for (const v1::Node &node : reply.nodes().nodes())
         if (node.address().back() == other.letter()) return node.times_down();
     return 0;
 }

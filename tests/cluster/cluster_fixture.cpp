@@ -30,6 +30,25 @@ bool ThreeNodes::is_told_gone(Node *node, const std::string &service) {
         [&] { return node->observer().losses().find(service) != std::string::npos; });
 }
 
+bool ThreeNodes::is_told_appeared(Node *node, const std::string &service) {
+    return cluster.await([&] { return node->observer().view().contains(service); });
+}
+
+void ThreeNodes::change_everywhere() {
+    publisher_of(a).publish({"web", "of-a"}, 81);
+    publisher_of(b).withdraw({"web", "of-b"});
+    publisher_of(c).publish({"log", "of-c"}, 514);
+}
+
+testing::AssertionResult ThreeNodes::lost_only(const std::vector<Node *> &nodes,
+                                               const std::string &services) {
+    for (Node *node : nodes)
+        if (node->observer().losses() != services)
+            return testing::AssertionFailure()
+                   << "node " << node->letter() << " lost: " << node->observer().losses();
+    return testing::AssertionSuccess();
+}
+
 // The daemons end before their store does, and take their leave.
 OneStore::~OneStore() {
     cluster.end();

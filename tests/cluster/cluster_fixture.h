@@ -15,8 +15,15 @@ class ThreeNodes : public testing::Test {
     void populate(const std::string &endpoints);
     Publisher &publisher_of(const Node *node);
     testing::AssertionResult all_agree() { return agrees(cluster); }
-    // Whether the observer is told that the service has gone.
+    // Whether the observer is told that the service has gone, or is there.
     bool is_told_gone(Node *node, const std::string &service);
+    bool is_told_appeared(Node *node, const std::string &service);
+    // What clients do while something is out of order. Nothing else than `withdrawn_of_b` goes.
+    void change_everywhere();
+    static constexpr char withdrawn_of_b[] = "web/of-b SYSTEM of b";
+    // Whether each of the nodes has been told that these services went, and no others.
+    testing::AssertionResult lost_only(const std::vector<Node *> &nodes,
+                                       const std::string &services);
 
     Cluster cluster;
     NodeOptions options_a, options_b, options_c = {.rack = "west"};
