@@ -61,12 +61,12 @@ class Servant {
         words >> verb >> key.name >> key.instance >> scope >> port;
         key.scope = static_cast<v1::Scope>(scope);
         ds_publication_t *&publication = publications_[key];
-        if (verb == "withdraw") {
+        if (verb == "withdraw" || verb == "retract") {
             check(ds_client_publication_withdraw(publication));
         } else {
             publish(publication, key, port);
         }
-        if (verb == "offer")
+        if (verb == "offer" || verb == "retract")
             check(ds_client_dispatch(handle_)); // sends it
         else
             check(ds_client_publication_wait(publication, wait_ms));
@@ -122,6 +122,11 @@ void Publisher::withdraw(const Service &service) {
 void Publisher::offer(const Service &service, std::uint32_t port) {
     tell("offer", service, port);
     published_[service] = port;
+}
+
+void Publisher::retract(const Service &service) {
+    tell("retract", service, 0);
+    published_.erase(service);
 }
 
 void Publisher::kill() {

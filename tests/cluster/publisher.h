@@ -25,11 +25,13 @@ class Publisher {
     // These return when the daemon has answered.
     void publish(const Service &service, std::uint32_t port); // or changes the port
     void withdraw(const Service &service);
-    // As publish(), without a word from the daemon: it may stand still.
+    // The same without a word from the daemon: it may stand still, or be away.
     void offer(const Service &service, std::uint32_t port);
+    void retract(const Service &service);
     // With SIGKILL.
     void kill();
 
+    bool is_alive() const { return process_.has_value(); }
     // What it has published, with the ports; nothing once it was killed.
     const std::map<Service, std::uint32_t> &published() const { return published_; }
 
