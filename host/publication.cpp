@@ -78,20 +78,29 @@ void set_attributes(ds_service_info_t &entry, const v1::Publish &publish) {
     add_attribute(entry, DS_ATTR_ISSU_ID, publish.issu_id());
 }
 
-void set_endpoint(ds_service_info_t &entry, const v1::Endpoint &endpoint) {
+// Clients may give several services one address, so what the directory is given tells them apart.
+std::int32_t encode_address(const v1::Publish &publish, std::uint8_t *buffer,
+                            std::uint32_t capacity) {
+    const v1::Ipv4 &ipv4 = publish.endpoint().ipv4();
+    return ds_encode_service_endpoint(
+        ipv4.address(), ipv4.port(), static_cast<std::uint32_t>(publish.scope()),
+        publish.instance().data(), publish.instance().size(), buffer, capacity);
+}
+
+void set_endpoint(ds_service_info_t &entry, const v1::Publish &publish) {
+    const v1::Endpoint &endpoint = publish.endpoint();
     const bool is_path = endpoint.has_path();
     const std::uint32_t type = is_path ? DS_EP_TYPE_PATH : DS_EP_TYPE_IP;
     VIDL_SET(&entry, ep_type, DS_SINFO_BIT_EP_TYPE, type);
 
-    const auto capacity =
-        is_path ? static_cast<std::uint32_t>(endpoint.path().size()) + DS_ENDPOINT_PATH_HEADER_BYTES
-                : static_cast<std::uint32_t>(DS_ENDPOINT_IP_BYTES);
+    const std::size_t needed = is_path ? endpoint.path().size() + DS_ENDPOINT_PATH_HEADER_BYTES
+                                       : publish.instance().size() + DS_ENDPOINT_IP_BYTES;
+    const auto capacity = static_cast<std::uint32_t>(needed);
     entry.ep_addr = static_cast<std::uint8_t *>(allocate(capacity));
     const std::int32_t written =
         is_path ? ds_encode_path(endpoint.path().data(), endpoint.path().size(), entry.ep_addr,
                                  capacity)
-                : ds_encode_endpoint(endpoint.ipv4().address(), endpoint.ipv4().port(),
-                                     entry.ep_addr, capacity);
+                : encode_address(publish, entry.ep_addr, capacity);
     entry.ep_addr_len = static_cast<std::uint64_t>(written > 0 ? written : 0);
     VIDL_SET_BIT(&entry, DS_SINFO_BIT_EP_ADDR);
 }
@@ -122,7 +131,7 @@ PublishInfo make_publish_info(const v1::Publish &publish) {
                    allocate_cleared<ds_service_info_t>(1), 1);
 
     ds_service_info_t &entry = info->entries[0];
-    set_endpoint(entry, publish.endpoint());
+    set_endpoint(entry, publish);
     VIDL_SET(&entry, scope, DS_SINFO_BIT_SCOPE, static_cast<std::uint32_t>(publish.scope()));
     set_attributes(entry, publish);
     VIDL_SET(&entry, instance, DS_SINFO_BIT_INSTANCE,

@@ -17,10 +17,15 @@ template <typename T> T get_integer(const std::uint8_t *at) {
     return value;
 }
 
-enum : std::uint8_t { endpoint_tag_ip = 0x01, endpoint_tag_path = 0x02, attrs_tag = 0xa1 };
+enum : std::uint8_t {
+    endpoint_tag_ip = 0x01,
+    endpoint_tag_path = 0x02,
+    endpoint_tag_service = 0x03,
+    attrs_tag = 0xa1
+};
 
-// The endpoint of an IP encoding; false when the bytes are no such encoding. The octets stand in
-// printing order.
+// The endpoint of an IP encoding, of a service's or of none; false when the bytes are no such
+// encoding. The octets stand in printing order.
 struct ip_endpoint {
     const std::uint8_t *octets;
     std::uint16_t port;

@@ -9,6 +9,7 @@ namespace {
 
 using ds::platform::endpoint_tag_ip;
 using ds::platform::endpoint_tag_path;
+using ds::platform::endpoint_tag_service;
 using ds::platform::get_integer;
 using ds::platform::put_integer;
 
@@ -28,9 +29,10 @@ bool is_path(const void *text, std::uint64_t length) {
 namespace ds::platform {
 
 bool read_ip_endpoint(const void *bytes, std::uint64_t length, ip_endpoint &endpoint) {
-    if (bytes == nullptr || length != DS_ENDPOINT_IP_BYTES) return false;
+    if (bytes == nullptr || length < DS_ENDPOINT_IP_BYTES) return false;
     const auto *at = static_cast<const std::uint8_t *>(bytes);
-    if (at[0] != endpoint_tag_ip || at[1] != 0) return false;
+    const bool is_plain = at[0] == endpoint_tag_ip && at[1] == 0 && length == DS_ENDPOINT_IP_BYTES;
+    if (!is_plain && at[0] != endpoint_tag_service) return false;
     endpoint.port = get_integer<std::uint16_t>(at + 2);
     endpoint.octets = at + 4;
     return true;
@@ -46,6 +48,18 @@ int32_t ds_encode_endpoint(uint32_t address, uint32_t port, void *buffer, uint32
     put_integer(at + 2, static_cast<std::uint16_t>(port));
     put_integer(at + 4, address);
     return DS_ENDPOINT_IP_BYTES;
+}
+
+int32_t ds_encode_service_endpoint(uint32_t address, uint32_t port, uint32_t scope,
+                                   const char *instance, uint64_t length, void *buffer,
+                                   uint32_t capacity) {
+    if (instance == nullptr || scope > 0xff || capacity < length + DS_ENDPOINT_IP_BYTES) return -1;
+    if (ds_encode_endpoint(address, port, buffer, capacity) < 0) return -1;
+    auto *at = static_cast<std::uint8_t *>(buffer);
+    at[0] = endpoint_tag_service;
+    at[1] = static_cast<std::uint8_t>(scope);
+    std::memcpy(at + DS_ENDPOINT_IP_BYTES, instance, length);
+    return static_cast<int32_t>(DS_ENDPOINT_IP_BYTES + length);
 }
 
 int32_t ds_encode_path(const char *path, uint64_t length, void *buffer, uint32_t capacity) {
@@ -68,7 +82,7 @@ int32_t vidl_vipc_endpoint_decode_ext(vidl_vipc_endpoint_t *ep, const void *byte
     std::memcpy(ep->address, endpoint.octets, sizeof ep->address);
     VIDL_SET_BIT(ep, vipc_bit_address);
     VIDL_SET(ep, port, vipc_bit_port, endpoint.port);
-    return DS_ENDPOINT_IP_BYTES;
+    return static_cast<int32_t>(length);
 }
 
 int32_t vidl_ds_ep_path_decode_ext(vidl_ds_ep_path_t *path, const void *bytes, uint64_t length,

@@ -147,6 +147,21 @@ TEST(DefaultCodec, endpoints_have_the_documented_bytes) {
     EXPECT_EQ(path, (bytes{2, 0, 0, 2, '/', 'p'}));
 }
 
+TEST(DefaultCodec, endpoints_of_services_have_the_documented_bytes_and_decode_to_the_same) {
+    bytes encoded(9);
+    std::uint32_t address = 0, port = 0;
+    vidl_vipc_endpoint_t endpoint;
+
+    EXPECT_EQ(ds_encode_service_endpoint(0xc0000211, 0x1f90, 2, "a", 1, encoded.data(), 9), 9);
+
+    EXPECT_EQ(encoded, (bytes{3, 2, 0x1f, 0x90, 192, 0, 2, 17, 'a'}));
+    EXPECT_EQ(ds_decode_endpoint(encoded.data(), encoded.size(), &address, &port), 0);
+    EXPECT_EQ(address, 0xc0000211);
+    EXPECT_EQ(port, 0x1f90u);
+    EXPECT_EQ(vidl_vipc_endpoint_decode_ext(&endpoint, encoded.data(), 9, std::malloc, 0, 0), 9);
+    EXPECT_EQ(endpoint.port, 0x1f90u);
+}
+
 TEST(DefaultCodec, endpoints_that_cannot_be_encoded_are_refused) {
     const std::string longest(4000, 'x');
     const std::string too_long(4001, 'x');
@@ -155,6 +170,10 @@ TEST(DefaultCodec, endpoints_that_cannot_be_encoded_are_refused) {
     EXPECT_EQ(ds_encode_endpoint(1, 65536, room.data(), 8), -1);
     EXPECT_EQ(ds_encode_endpoint(1, 1, room.data(), 7), -1);
     EXPECT_EQ(ds_encode_endpoint(1, 1, nullptr, 8), -1);
+    EXPECT_EQ(ds_encode_service_endpoint(1, 1, 256, "", 0, room.data(), 8), -1);
+    EXPECT_EQ(ds_encode_service_endpoint(1, 65536, 1, "", 0, room.data(), 8), -1);
+    EXPECT_EQ(ds_encode_service_endpoint(1, 1, 1, "a", 1, room.data(), 8), -1);
+    EXPECT_EQ(ds_encode_service_endpoint(1, 1, 1, nullptr, 0, room.data(), 8), -1);
     EXPECT_EQ(ds_encode_path(longest.data(), 4000, room.data(), DS_ENDPOINT_PATH_BYTES_MAX), 4004);
     EXPECT_EQ(ds_encode_path(too_long.data(), 4001, room.data(), DS_ENDPOINT_PATH_BYTES_MAX), -1);
     EXPECT_EQ(ds_encode_path("", 0, room.data(), 100), -1);
@@ -171,6 +190,7 @@ TEST(DefaultCodec, bytes_that_are_no_ip_endpoint_leave_every_output_alone) {
                            {1, 0, 0, 80, 1, 2, 3, 4, 5},
                            {1, 1, 0, 80, 1, 2, 3, 4},
                            {2, 0, 0, 4, 1, 2, 3, 4},
+                           {3, 1, 0, 80, 1, 2, 3},
                            {0, 0, 0, 80, 1, 2, 3, 4}};
     for (const bytes &input : wrong) {
         std::uint32_t address = 7;

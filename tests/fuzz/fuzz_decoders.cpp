@@ -21,6 +21,7 @@ using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::size_t ring_head_offset = offsetof(ring::file_header, head);
 constexpr std::size_t changing_words = 4;
+constexpr std::uint8_t service_endpoint_tag = 3; // as docs/formats.md has it
 
 template <typename T> std::unique_ptr<T, decltype(&std::free)> owned(T *memory) {
     return {memory, std::free};
@@ -62,9 +63,15 @@ void check_endpoint(const Bytes &bytes) {
     require(endpoint.port == port && endpoint.address[0] == address >> 24 &&
                 endpoint.address[3] == (address & 255),
             "the two endpoint decoders read different values");
-    Bytes encoded(DS_ENDPOINT_IP_BYTES);
+    Bytes encoded(bytes.size());
+    const auto capacity = static_cast<std::uint32_t>(encoded.size());
+    const char *rest = reinterpret_cast<const char *>(bytes.data()) + DS_ENDPOINT_IP_BYTES;
     const std::int32_t written =
-        ds_encode_endpoint(address, port, encoded.data(), DS_ENDPOINT_IP_BYTES);
+        bytes[0] == service_endpoint_tag
+            ? ds_encode_service_endpoint(address, port, bytes[1], rest,
+                                         bytes.size() - DS_ENDPOINT_IP_BYTES, encoded.data(),
+                                         capacity)
+            : ds_encode_endpoint(address, port, encoded.data(), capacity);
     require(written == used && encoded == bytes, "an endpoint is encoded otherwise than it came");
 }
 

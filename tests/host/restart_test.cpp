@@ -36,7 +36,8 @@ class ScriptedEngine final : public relay::Engine {
                  std::uint32_t port = 8080, std::uint32_t operation = DSR_ADD,
                  std::uint32_t pid = static_cast<std::uint32_t>(getpid())) {
         std::uint8_t endpoint[DS_ENDPOINT_IP_BYTES];
-        ds_encode_endpoint(0x0a000001, port, endpoint, sizeof endpoint);
+        ds_encode_service_endpoint(0x0a000001, port, DS_SCOPE_SYSTEM, "", 0, endpoint,
+                                   sizeof endpoint);
         dsr_update_t update = {};
         update.operation = operation;
         update.service_name = service;

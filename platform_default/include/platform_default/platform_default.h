@@ -79,6 +79,13 @@ enum {
    byte first octet; port 0..65535. Returns the bytes written, -1 when capacity is too small or the
    port is out of range. */
 int32_t ds_encode_endpoint(uint32_t address, uint32_t port, void *buffer, uint32_t capacity);
+/* The same with scope (0..255) and instance (that many bytes, no NUL needed) behind it. It decodes
+   to the same endpoint, and no two services of a name have the same bytes: when a relay delivers
+   again what it holds, the directory tells the services of one process by these bytes alone.
+   Returns the bytes written, DS_ENDPOINT_IP_BYTES and the instance's; -1 as above. */
+int32_t ds_encode_service_endpoint(uint32_t address, uint32_t port, uint32_t scope,
+                                   const char *instance, uint64_t length, void *buffer,
+                                   uint32_t capacity);
 /* Writes the encoding of a path endpoint (not empty, no NUL inside, at most 4,000 bytes). Returns
    the bytes written, -1 when it does not fit or is not a valid path. */
 int32_t ds_encode_path(const char *path, uint64_t length, void *buffer, uint32_t capacity);
