@@ -105,8 +105,7 @@ View expected_view(const Cluster &cluster, const Node &node) {
     return view;
 }
 
-// The daemons are asked only when their observers have heard what they should, so a change that is
-// still to come makes an observer readable.
+// The daemons are asked only when their observers have heard what they should.
 testing::AssertionResult agrees(Cluster &cluster) {
     std::string text;
     const bool is_agreed = cluster.await([&] {

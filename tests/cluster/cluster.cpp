@@ -112,20 +112,25 @@ void Cluster::read_observers() {
         if (node->is_running()) node->observer().take();
 }
 
-bool Cluster::await_observers(Clock::time_point deadline) {
+void Cluster::await_observers(Clock::time_point deadline) {
     std::vector<pollfd> ready;
     for (const auto &node : nodes_)
         if (node->is_running()) ready.push_back({node->observer().fd(), POLLIN, 0});
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    return poll(ready.data(), ready.size(), static_cast<int>(std::max<long long>(left, 0))) > 0;
+    poll(ready.data(), ready.size(), static_cast<int>(std::max<long long>(left, 0)));
 }
 
+// Not everything that daemons can be asked for is told to observers as well: that the relay is away
+// is not, and neither is its return when nothing has changed. So the condition is looked at again
+// now and then when nothing comes.
 bool Cluster::await(const std::function<bool()> &condition, std::chrono::milliseconds most) {
+    constexpr auto silence_max = 200ms;
     const Clock::time_point deadline = Clock::now() + most;
     for (;;) {
         read_observers();
         if (condition()) return true;
-        if (!await_observers(deadline) && Clock::now() >= deadline) return false;
+        if (Clock::now() >= deadline) return false;
+        await_observers(std::min(deadline, Clock::now() + silence_max));
     }
 }
 

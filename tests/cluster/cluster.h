@@ -100,8 +100,8 @@ class Cluster {
 
   private:
     void read_observers();
-    // Until an observer has something to read; false when the time is over.
-    bool await_observers(Clock::time_point deadline);
+    // Until an observer has something to read, at most until then.
+    void await_observers(Clock::time_point deadline);
 
     std::vector<std::unique_ptr<Node>> nodes_;
     std::vector<std::unique_ptr<Member>> members_;

@@ -34,6 +34,13 @@ bool ThreeNodes::is_told_appeared(Node *node, const std::string &service) {
     return cluster.await([&] { return node->observer().view().contains(service); });
 }
 
+bool ThreeNodes::is_in_restart_period(Node *node) {
+    return cluster.await([node] {
+        system_test::Client client(node->socket());
+        return client.ok(system_test::list_request("web")).list().names(0).reconciling();
+    });
+}
+
 void ThreeNodes::change_everywhere() {
     publisher_of(a).publish({"web", "of-a"}, 81);
     publisher_of(b).withdraw({"web", "of-b"});

@@ -18,6 +18,8 @@ class ThreeNodes : public testing::Test {
     // Whether the observer is told that the service has gone, or is there.
     bool is_told_gone(Node *node, const std::string &service);
     bool is_told_appeared(Node *node, const std::string &service);
+    // Whether the node's directory comes to know of an outage.
+    bool is_in_restart_period(Node *node);
     // What clients do while something is out of order. Nothing else than `withdrawn_of_b` goes.
     void change_everywhere();
     static constexpr char withdrawn_of_b[] = "web/of-b SYSTEM of b";

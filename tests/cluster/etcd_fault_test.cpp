@@ -165,3 +165,39 @@ TEST_F(EtcdFault, a_compaction_while_a_node_stands_still_hides_nothing_from_it) 
     EXPECT_TRUE(all_agree());
     EXPECT_EQ(c->observer().losses(), "web/of-b SYSTEM of b");
 }
+
+// The relay delivers everything again, and the directory finds the services that it knew.
+TEST_F(EtcdFault, an_outage_that_is_reported_does_not_mix_up_services_with_one_endpoint) {
+    populate();
+    for (const char *instance : {"one", "two", "three"})
+        publisher_of(a).publish({"log", instance}, 514);
+    publisher_of(a).publish({"log", "one", v1::SCOPE_RACK}, 514);
+    ASSERT_TRUE(all_agree());
+    cluster.forget_changes();
+
+    etcd.kill();
+    for (Node *node : {b, c})
+        ASSERT_TRUE(is_in_restart_period(node));
+    etcd.start();
+
+    EXPECT_TRUE(all_agree());
+    EXPECT_TRUE(lost_only({a, b, c}, ""));
+}
+
+// The same on the node itself.
+TEST_F(EtcdFault, a_restart_of_a_daemon_does_not_mix_up_services_with_one_endpoint) {
+    options_a.ttl = 60s;
+    populate();
+    for (const char *instance : {"one", "two", "three"})
+        publisher_of(a).publish({"log", instance}, 514);
+    publisher_of(a).publish({"log", "one", v1::SCOPE_RACK}, 514);
+    ASSERT_TRUE(all_agree());
+    cluster.forget_changes();
+
+    a->kill();
+    a->start();
+
+    EXPECT_TRUE(all_agree());
+    EXPECT_TRUE(lost_only({b, c}, ""));
+    EXPECT_EQ(b->observer().told(Change::Kind::appeared), "");
+}

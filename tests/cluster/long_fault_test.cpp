@@ -33,7 +33,6 @@ TEST_F(LongFault,
     for (Node *node : {a, b, c})
         node->is_connected = true;
     EXPECT_TRUE(all_agree());
-    EXPECT_TRUE(lost_only({a}, ""));
     EXPECT_TRUE(lost_only({b, c}, withdrawn_of_b));
 }
 

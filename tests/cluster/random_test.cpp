@@ -11,7 +11,7 @@ class LongRandom : public OneStore {
   protected:
     static constexpr unsigned seed = 20'240'229;
     static constexpr std::size_t members_max = 8;
-    static constexpr std::uint32_t first_port = 1000, ports = 60'000;
+    static constexpr std::uint32_t first_port = 1000, ports = 3;
 
     std::uint32_t pick(std::size_t count) {
         return std::uniform_int_distribution<std::uint32_t>(
@@ -29,10 +29,10 @@ class LongRandom : public OneStore {
         Publisher &publisher = cluster.members()[member]->publisher;
         if (!publisher.is_alive()) return;
         constexpr v1::Scope scopes[] = {v1::SCOPE_RACK, v1::SCOPE_SYSTEM, v1::SCOPE_LOCAL};
-        // No two clients publish the same, and no two services of a client have one endpoint.
+        // No two clients publish the same. Services of a client may have one endpoint.
         const std::string instance = std::to_string(member) + '-' + std::to_string(pick(4));
-        next_port = first_port + (next_port + 1 - first_port) % ports;
-        publisher.offer({names[pick(names.size())], instance, scopes[pick(3)]}, next_port);
+        const std::uint32_t port = first_port + pick(ports);
+        publisher.offer({names[pick(names.size())], instance, scopes[pick(3)]}, port);
     }
     void withdraw() {
         Publisher &publisher = any_publisher();
@@ -92,7 +92,6 @@ class LongRandom : public OneStore {
     }
 
     std::minstd_rand random{seed};
-    std::uint32_t next_port = first_port;
 };
 
 } // namespace
