@@ -113,17 +113,18 @@ const ds_service_t *Records::publish(ds_client_t *client, PublishInfo info) {
     return service;
 }
 
+// The library would look for the name's newest service of that instance, which in a restart period
+// may be one that waits for another publisher.
 bool Records::withdraw(ds_client_t *client, std::string_view name, std::string_view instance,
                        std::uint32_t scope) {
-    std::string service_name(name);
-    std::string instance_copy(instance);
-    ds_service_key_t key = {};
-    VIDL_SET(&key, service_name, DS_KEY_BIT_NAME, service_name.data());
-    VIDL_SET(&key, scope, DS_KEY_BIT_SCOPE, scope);
-    VIDL_SET(&key, instance, DS_KEY_BIT_INSTANCE, instance_copy.data());
+    ds_service_t *service = ds_client_get_service_list_head(client);
+    while (service != nullptr && !(service->selem->name == name && service->instance == instance &&
+                                   service->scope == scope))
+        service = ds_client_get_next_in_service_list(service);
+    if (service == nullptr) return false;
     changes_++;
-    if (ds_db_unpublish_service(client->client_idx, local_node(), &key, nullptr) != 0) return false;
     sum_.remove(name, instance, scope);
+    ds_db_handle_service_down(service, client);
     return true;
 }
 

@@ -46,7 +46,9 @@ void rtrace_internal(rtrace_handle_t, uint32_t trace_point_id, uint32_t, uint32_
     va_start(arguments, format);
     std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
-    platform_host->trace->note(std::string("    . ") + text);
+    std::string line = std::string("    . ") + text;
+    std::erase(line, '\n');
+    platform_host->trace->note(line);
 }
 
 // ---- relay ----

@@ -93,6 +93,7 @@ Daemon::~Daemon() {
     enter();
     restart_.reset();
     platform_.engine = nullptr;
+    platform_.trace = nullptr;
     platform_.failing_one_in = 0;
     for (const int slot : {DS_GLOBAL_SLOT_NOTIFY_HOOK, DS_GLOBAL_SLOT_CLIENT_SEND,
                            DS_GLOBAL_SLOT_CLIENT_DELETE, DS_GLOBAL_SLOT_RELAY_CONNECTED})
