@@ -1,5 +1,6 @@
 #include "host/records.h"
 
+#include <cstring>
 #include <vector>
 
 namespace ds::host {
@@ -90,7 +91,35 @@ void Records::drop_if_unused(const std::string &name) {
 
 // ---- publications ----
 
+// In the own restart period the library takes a service that waits for its publisher for the one
+// that is published anew, even when the client has it already: the client would then have two of
+// the same name, instance and scope, and could end only one of them. The client's own one is meant.
+void Records::drop_rivals(const ds_client_t *client, const ds_service_publish_info &info) {
+    const ds_service_info_t &entry = info.entries[0];
+    if (find_own(client, info.service_name, entry.instance, entry.scope) == nullptr) return;
+    ds_service_t *following = nullptr;
+    for (ds_service_t *service = ds_service_get_service_list_head(find(info.service_name));
+         service != nullptr; service = following) {
+        following = ds_service_get_next_in_service_list(service);
+        const bool is_rival = !is_live(service) && service->node == local_node() &&
+                              service->scope == entry.scope && service->instance != nullptr &&
+                              std::strcmp(service->instance, entry.instance) == 0;
+        if (is_rival) ds_db_handle_service_down(service, nullptr);
+    }
+}
+
+// `instance` as the directory knows it; null: the client has none such.
+ds_service_t *Records::find_own(const ds_client_t *client, std::string_view name,
+                                std::string_view instance, std::uint32_t scope) {
+    ds_service_t *service = ds_client_get_service_list_head(const_cast<ds_client_t *>(client));
+    while (service != nullptr && !(service->selem->name == name && service->instance == instance &&
+                                   service->scope == scope))
+        service = ds_client_get_next_in_service_list(service);
+    return service;
+}
+
 const ds_service_t *Records::publish(ds_client_t *client, PublishInfo info) {
+    drop_rivals(client, *info);
     ds_service_publish_info *published = info.release();
     const ds_service_t *newest = ds_client_get_service_list_head(client);
     notified_ = nullptr;
@@ -117,10 +146,7 @@ const ds_service_t *Records::publish(ds_client_t *client, PublishInfo info) {
 // may be one that waits for another publisher.
 bool Records::withdraw(ds_client_t *client, std::string_view name, std::string_view instance,
                        std::uint32_t scope) {
-    ds_service_t *service = ds_client_get_service_list_head(client);
-    while (service != nullptr && !(service->selem->name == name && service->instance == instance &&
-                                   service->scope == scope))
-        service = ds_client_get_next_in_service_list(service);
+    ds_service_t *service = find_own(client, name, instance, scope);
     if (service == nullptr) return false;
     changes_++;
     sum_.remove(name, instance, scope);
