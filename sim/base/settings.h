@@ -15,6 +15,7 @@ enum class Flaw {
     engine_keeps_dead_nodes, // the end of a node is not reported
     engine_forgets_write,    // one write in many never reaches the store
     host_never_ends_period,  // the timers of the restart periods do not expire
+    host_forgets_to_settle,  // periods end, but what waits in them is not settled
     host_loses_notification, // one marked registration in many is not served
     host_shows_old_snapshot, // one snapshot in many is the one before it
     host_drops_service,      // one snapshot in many lacks an instance
@@ -22,6 +23,7 @@ enum class Flaw {
     host_leaks,              // one publish info in many is never given back
     library_loses_link,      // a link of a list is cut
     host_stands_still,       // an event that brings about itself
+    host_loops,              // a call that does not come back
     host_crashes,            // the process ends in a signal
 };
 

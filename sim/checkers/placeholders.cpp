@@ -10,7 +10,7 @@ std::string find_stale_placeholder(const ds_db_t *db) {
              service = ds_service_get_next_in_service_list(service))
             if (service->proc_id == DS_PROC_ID_FROM_DSR)
                 return std::string("a service of ") + element->name + ", node " +
-                       service->node->name + ", still waits for its publisher";
+                       std::to_string(node_of(service)) + ", still waits for its publisher";
     }
     return {};
 }

@@ -15,6 +15,7 @@ constexpr Time retry_delay_max = 2 * second;
 constexpr Time connect_deadline = 2 * second;
 constexpr Time call_deadline = 3 * second;
 constexpr Time claim_retry = 500 * ms;
+constexpr Time audit_interval = 60 * second;
 constexpr Time pulse = Store::ttl / 3;
 
 std::uint64_t number(int node) {
@@ -119,6 +120,17 @@ void SimEngine::deliver(const Store::Listing &listing) {
     });
     wake_writer();
     keep_alive();
+    audit_later();
+}
+
+// What was replayed and is still nobody's when the restart period has ended is offered again.
+void SimEngine::audit_later() {
+    put_for_session(parts_.clock.now + audit_interval, [this] {
+        if (parts_.network.is_open(identity_.node, parts_.clock.now))
+            host_.turn([this] { give_leftovers(); });
+        wake_writer();
+        audit_later();
+    });
 }
 
 void SimEngine::give_leftovers() {

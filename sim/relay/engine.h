@@ -78,6 +78,7 @@ class SimEngine final : public relay::Engine, private Follower {
     void deliver(const Store::Listing &listing);
     void take(const ChangePtr &change);
     void give_leftovers();
+    void audit_later();
     void begin_outage();
     void keep_alive();
     void wake_writer();

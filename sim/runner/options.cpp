@@ -20,6 +20,7 @@ const std::map<std::string, Flaw> &flaws() {
         {"engine-keeps-dead-nodes", Flaw::engine_keeps_dead_nodes},
         {"engine-forgets-write", Flaw::engine_forgets_write},
         {"host-never-ends-period", Flaw::host_never_ends_period},
+        {"host-forgets-to-settle", Flaw::host_forgets_to_settle},
         {"host-loses-notification", Flaw::host_loses_notification},
         {"host-shows-old-snapshot", Flaw::host_shows_old_snapshot},
         {"host-drops-service", Flaw::host_drops_service},
@@ -27,6 +28,7 @@ const std::map<std::string, Flaw> &flaws() {
         {"host-leaks", Flaw::host_leaks},
         {"library-loses-link", Flaw::library_loses_link},
         {"host-stands-still", Flaw::host_stands_still},
+        {"host-loops", Flaw::host_loops},
         {"host-crashes", Flaw::host_crashes},
     };
     return all;

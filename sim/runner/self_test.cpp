@@ -21,7 +21,8 @@ constexpr Expectation expectations[] = {
     {Flaw::engine_reorders, "steady", Ending::wrong, "convergence"},
     {Flaw::engine_keeps_dead_nodes, "deaths", Ending::wrong, "dead node"},
     {Flaw::engine_forgets_write, "steady", Ending::wrong, "convergence"},
-    {Flaw::host_never_ends_period, "outages", Ending::wrong, "convergence"},
+    {Flaw::host_never_ends_period, "restarts", Ending::wrong, "convergence"},
+    {Flaw::host_forgets_to_settle, "restarts", Ending::wrong, "placeholder"},
     {Flaw::host_loses_notification, "steady", Ending::wrong, "newest"},
     {Flaw::host_shows_old_snapshot, "steady", Ending::wrong, "version"},
     {Flaw::host_drops_service, "steady", Ending::wrong, "continuity"},
@@ -29,12 +30,14 @@ constexpr Expectation expectations[] = {
     {Flaw::host_leaks, "steady", Ending::wrong, "memory"},
     {Flaw::library_loses_link, "steady", Ending::wrong, "structure"},
     {Flaw::host_stands_still, "steady", Ending::stuck, nullptr},
+    {Flaw::host_loops, "steady", Ending::stuck, nullptr},
     {Flaw::host_crashes, "steady", Ending::crashed, nullptr},
 };
 
 constexpr std::uint64_t seeds_max = 50;
 
 bool is_found(const Expectation &expected, const Options &options) {
+    const int seconds_max = expected.flaw == Flaw::host_loops ? 2 : options.seconds_max;
     for (std::uint64_t seed = 1; seed <= seeds_max; seed++) {
         Job job;
         job.scenario = expected.scenario;
@@ -42,15 +45,16 @@ bool is_found(const Expectation &expected, const Options &options) {
         job.settings.scenario = expected.scenario;
         job.settings.seed = seed;
         job.settings.flaw = expected.flaw;
-        const Verdict verdict = run_apart(plan_of(job), options.seconds_max);
+        const Verdict verdict = run_apart(plan_of(job), seconds_max);
         if (verdict.ending == Ending::good) continue;
         const bool is_expected =
             verdict.ending == expected.ending &&
             (expected.checker == nullptr || std::strcmp(verdict.checker, expected.checker) == 0);
+        if (!is_expected) continue; // another checker was quicker
         std::printf("%-26s seed %3llu: %s %s %s\n", name_of(expected.flaw),
                     static_cast<unsigned long long>(seed), text_of(verdict.ending), verdict.checker,
                     verdict.text);
-        if (is_expected) return true;
+        return true;
     }
     std::printf("%-26s is not found by %s\n", name_of(expected.flaw),
                 expected.checker != nullptr ? expected.checker : text_of(expected.ending));

@@ -95,6 +95,22 @@ Plan make_churn(Settings settings) {
     mix.daemon_kills = mix.store_outages = mix.partitions = mix.machine_halts = 1;
     return plan_of<plan_churn>(std::move(settings), mix);
 }
+Plan make_rolling(Settings settings) {
+    FaultMix mix;
+    mix.mean_interval = 60 * second;
+    mix.daemon_kills = mix.store_outages = mix.partitions = 1;
+    return plan_of<plan_rolling>(std::move(settings), mix);
+}
+Plan make_flapping(Settings settings) {
+    FaultMix mix;
+    mix.daemon_kills = mix.store_outages = mix.partitions = mix.freezes = 1;
+    return plan_of<plan_flapping>(std::move(settings), mix);
+}
+Plan make_storm(Settings settings) {
+    FaultMix mix;
+    mix.daemon_kills = mix.store_outages = mix.machine_halts = 1;
+    return plan_of<plan_storm>(std::move(settings), mix);
+}
 Plan make_everything(Settings settings) {
     FaultMix mix;
     mix.mean_interval = 10 * second;
@@ -117,6 +133,9 @@ const std::vector<Scenario> &scenarios() {
         {"wipes", "another, empty store stands in the place of the store", make_wipes},
         {"memory", "allocations fail in single nodes", make_memory},
         {"churn", "names come and go under a few faults of each kind", make_churn},
+        {"rolling", "a service with 500 instances is restarted bit by bit", make_rolling},
+        {"flapping", "publishers come and go many times a second", make_flapping},
+        {"storm", "every client registers for everything, again and again", make_storm},
         {"everything", "all faults but lack of memory, often", make_everything},
     };
     return all;

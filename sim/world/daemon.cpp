@@ -199,8 +199,30 @@ void Daemon::turn(const std::function<void()> &function) {
     flush();
     restart_->end_if_complete(); // what was just served may be the last that was missing
     flush();
-    world_.checkers().after_turn(*this);
+    if (world_.settings().flaw == Flaw::none)
+        world_.checkers().after_turn(*this);
+    else
+        end_flawed_turn();
     leave();
+}
+
+// What is broken on purpose is mended before anything else stumbles over it.
+void Daemon::end_flawed_turn() {
+    ds_client_t *client = ds_client_get_client_list_head();
+    const bool cuts_link = client != nullptr && has_flaw(Flaw::library_loses_link, 20);
+    if (cuts_link) client->client_link.prev = nullptr;
+    world_.checkers().after_turn(*this);
+    if (cuts_link) client->client_link.prev = &database()->client_list;
+    if (has_flaw(Flaw::host_crashes, 20)) std::abort();
+    if (has_flaw(Flaw::host_stands_still, 20)) stand_still();
+    while (has_flaw(Flaw::host_loops, 1000))
+        continue;
+}
+
+void Daemon::stand_still() {
+    world_.clock().after(0, life_.node, [this, alive = is_alive_] {
+        if (*alive) stand_still();
+    });
 }
 
 void Daemon::arm(mgd_timer_t *timer, std::uint64_t deadline_ns) {
@@ -212,7 +234,8 @@ void Daemon::arm(mgd_timer_t *timer, std::uint64_t deadline_ns) {
         if (found == armed_.end() || found->second != serial) return;
         armed_.erase(found);
         if (world_.settings().flaw == Flaw::host_never_ends_period) return;
-        turn([timer] { mgd_timer_expire(timer); });
+        const bool settles = world_.settings().flaw != Flaw::host_forgets_to_settle;
+        turn([&] { settles ? mgd_timer_expire(timer) : mgd_timer_leaf_stop(timer); });
     });
 }
 
@@ -399,9 +422,13 @@ SnapshotPtr Daemon::snapshot_for(Registration &registration) {
 
 void Daemon::tell(Registration &registration) {
     SnapshotPtr snapshot = snapshot_for(registration);
-    if (registration.told && has_flaw(Flaw::host_shows_old_snapshot, 20))
-        snapshot = registration.told;
-    registration.told = snapshot;
+    registration.told_before = std::exchange(registration.told, snapshot);
+    if (registration.told_before && has_flaw(Flaw::host_shows_old_snapshot, 20))
+        world_.clock().after(ms, life_.node,
+                             [client = registration.session->client, id = registration.session->id,
+                              cookie = registration.cookie, old = registration.told_before] {
+                                 client->tell_later(id, cookie, old);
+                             });
     registration.was_reconciling = host::is_restart_period_open();
     Session &session = *registration.session;
     session.client->tell_later(session.id, registration.cookie, snapshot);

@@ -90,7 +90,8 @@ class Daemon final : public EngineHost {
         std::uint64_t cookie = 0;
         bool is_pending = false;
         bool was_reconciling = false;
-        SnapshotPtr told; // the newest
+        SnapshotPtr told; // the newest, and the one before
+        SnapshotPtr told_before;
     };
     struct Session {
         std::uint64_t id = 0;
@@ -122,6 +123,8 @@ class Daemon final : public EngineHost {
     void mark_reconciled();
     void free_database();
     bool has_flaw(Flaw flaw, std::uint32_t per_mille);
+    void end_flawed_turn();
+    void stand_still();
 
     World &world_;
     const Life life_;

@@ -18,11 +18,18 @@ bool have_same_contents(std::vector<Instance> a, std::vector<Instance> b) {
     });
 }
 
-Instance instance_of(const ds_service_t *service) {
-    Instance instance;
+// A node for which there was no memory is a small number in place of a record.
+int node_of(const ds_service_t *service) {
+    constexpr std::uintptr_t number_without_record_max = 127;
+    if (reinterpret_cast<std::uintptr_t>(service->node) <= number_without_record_max) return nobody;
     relay::NodeAddress address = {};
     std::copy_n(service->node->addr, address.size(), address.begin());
-    instance.node = node_of(address);
+    return node_of(address);
+}
+
+Instance instance_of(const ds_service_t *service) {
+    Instance instance;
+    instance.node = node_of(service);
     instance.pid = service->pid;
     instance.instance = service->instance != nullptr ? number_in(service->instance) : 0;
     instance.scope = service->scope;

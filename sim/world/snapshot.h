@@ -41,6 +41,7 @@ struct Snapshot {
 };
 using SnapshotPtr = std::shared_ptr<const Snapshot>;
 
+int node_of(const ds_service_t *service); // nobody: it has no record
 Instance instance_of(const ds_service_t *service);
 // Of the live services.
 SnapshotPtr snapshot_of(ds_service_elem_t *element);
