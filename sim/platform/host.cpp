@@ -12,9 +12,12 @@ namespace ds::sim {
 
 PlatformHost *platform_host = nullptr;
 
-void open_trace_channels() {
+void open_trace_channels(bool are_open) {
     static const int result = ds_server_lib_init(nullptr);
     if (result != 0) std::abort();
+    static rtrace_handle_t channel = ds_lib_rtrace[DS_CHANNEL_PUB];
+    for (rtrace_handle_t &handle : ds_lib_rtrace)
+        handle = are_open ? channel : nullptr;
 }
 
 } // namespace ds::sim
@@ -27,7 +30,7 @@ uint64_t fts_get_stamp_fast(void) {
     return platform_host != nullptr ? *platform_host->now + 1 : 1;
 }
 
-// ---- trace channels: the points that fire are part of what happened ----
+// ---- trace channels: for people only ----
 
 int rtrace_open_internal(rtrace_handle_t *handle_out, const char *, uint32_t, uint32_t,
                          const char *, const char *, uint64_t) {
@@ -36,10 +39,9 @@ int rtrace_open_internal(rtrace_handle_t *handle_out, const char *, uint32_t, ui
     return 0;
 }
 
-void rtrace_internal(rtrace_handle_t, uint32_t trace_point_id, uint32_t, uint32_t, const char *,
+void rtrace_internal(rtrace_handle_t, uint32_t, uint32_t, uint32_t, const char *,
                      const char *format, ...) {
     if (platform_host == nullptr || platform_host->trace == nullptr) return;
-    platform_host->trace->mix(trace_point_id);
     if (!platform_host->trace->has_sink()) return;
     char text[1024];
     va_list arguments;

@@ -41,7 +41,7 @@ class SparedAllocations {
     std::uint32_t rate_;
 };
 
-// Opens the library's trace channels; once in a process.
-void open_trace_channels();
+// Opens the library's trace channels, or closes them: nothing is then made ready for them.
+void open_trace_channels(bool are_open);
 
 } // namespace ds::sim

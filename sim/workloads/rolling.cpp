@@ -7,7 +7,7 @@ namespace {
 
 constexpr std::uint32_t instances = 500;
 constexpr std::uint32_t at_once = 10;
-constexpr Time step = 2 * second; // between two groups
+constexpr Time step = 8 * second; // between two groups
 constexpr Time down_max = 1500 * ms;
 constexpr std::uint32_t name = 0;
 

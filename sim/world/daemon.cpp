@@ -74,7 +74,6 @@ Daemon::Daemon(World &world, const Life &life, host::PublicationSum::Record &rec
     platform_.engine = &engine_;
     platform_.trace = &world.trace();
     platform_.chance = world.random().fork(life.boot * 3);
-    open_trace_channels();
     enter();
     fill_block();
     if (ds_db_init() != 0) std::abort();
