@@ -95,6 +95,7 @@ void Records::drop_if_unused(const std::string &name) {
 // that is published anew, even when the client has it already: the client would then have two of
 // the same name, instance and scope, and could end only one of them. The client's own one is meant.
 void Records::drop_rivals(const ds_client_t *client, const ds_service_publish_info &info) {
+    if (!is_restart_period_open()) return;
     const ds_service_info_t &entry = info.entries[0];
     if (find_own(client, info.service_name, entry.instance, entry.scope) == nullptr) return;
     ds_service_t *following = nullptr;
@@ -109,12 +110,13 @@ void Records::drop_rivals(const ds_client_t *client, const ds_service_publish_in
 }
 
 // `instance` as the directory knows it; null: the client has none such.
-ds_service_t *Records::find_own(const ds_client_t *client, std::string_view name,
-                                std::string_view instance, std::uint32_t scope) {
-    ds_service_t *service = ds_client_get_service_list_head(const_cast<ds_client_t *>(client));
-    while (service != nullptr && !(service->selem->name == name && service->instance == instance &&
-                                   service->scope == scope))
-        service = ds_client_get_next_in_service_list(service);
+ds_service_t *Records::find_own(const ds_client_t *client, const std::string &name,
+                                std::string_view instance, std::uint32_t scope) const {
+    ds_service_t *service = ds_service_get_service_list_head(find(name));
+    while (service != nullptr &&
+           !(service->proc_id == client->client_idx && service->scope == scope &&
+             service->instance != nullptr && service->instance == instance))
+        service = ds_service_get_next_in_service_list(service);
     return service;
 }
 
@@ -142,15 +144,26 @@ const ds_service_t *Records::publish(ds_client_t *client, PublishInfo info) {
     return service;
 }
 
-// The library would look for the name's newest service of that instance, which in a restart period
-// may be one that waits for another publisher.
 bool Records::withdraw(ds_client_t *client, std::string_view name, std::string_view instance,
                        std::uint32_t scope) {
-    ds_service_t *service = find_own(client, name, instance, scope);
-    if (service == nullptr) return false;
+    std::string service_name(name);
     changes_++;
+    if (is_restart_period_open()) {
+        // The library would look for the name's newest service of that instance, which now may be
+        // one that waits for another publisher.
+        ds_service_t *service = find_own(client, service_name, instance, scope);
+        if (service == nullptr) return false;
+        ds_db_handle_service_down(service, client);
+    } else {
+        std::string instance_copy(instance);
+        ds_service_key_t key = {};
+        VIDL_SET(&key, service_name, DS_KEY_BIT_NAME, service_name.data());
+        VIDL_SET(&key, scope, DS_KEY_BIT_SCOPE, scope);
+        VIDL_SET(&key, instance, DS_KEY_BIT_INSTANCE, instance_copy.data());
+        if (ds_db_unpublish_service(client->client_idx, local_node(), &key, nullptr) != 0)
+            return false;
+    }
     sum_.remove(name, instance, scope);
-    ds_db_handle_service_down(service, client);
     return true;
 }
 

@@ -85,8 +85,8 @@ class Records {
 
   private:
     static ds_node_t *local_node();
-    static ds_service_t *find_own(const ds_client_t *client, std::string_view name,
-                                  std::string_view instance, std::uint32_t scope);
+    ds_service_t *find_own(const ds_client_t *client, const std::string &name,
+                           std::string_view instance, std::uint32_t scope) const;
     void drop_rivals(const ds_client_t *client, const ds_service_publish_info &info);
     void drop_if_unused(const std::string &name);
 

@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::uint32_t backoff_first_ms = 50;
 constexpr std::uint32_t backoff_max_ms = 2000;
+constexpr Time queue_interval = 2 * ms; // between two looks whether the daemon takes it
 constexpr Time local_delay_max = 300 * us;
 constexpr Time refusal_wait = second; // before a program tries again what was refused
 constexpr std::size_t requests_at_once = 16;
@@ -82,14 +83,18 @@ void Client::connect() {
     Daemon *daemon = world_.daemon_of(node_);
     if (daemon == nullptr) return connect_later();
     // The request to connect waits in the socket's queue until the daemon takes it.
-    put(next_arrival(last_out_), [this, boot = daemon->life().boot] {
-        Daemon *there = world_.daemon_of(node_, boot);
-        const std::uint64_t session = there != nullptr ? there->accept(*this) : 0;
-        if (session == 0) return connect_later();
-        boot_ = there->life().boot;
-        put(next_arrival(last_in_), [this, session] { connected(session); });
-        session_ = session; // what the daemon tells from here on is for this session
-    });
+    put(next_arrival(last_out_), [this, boot = daemon->life().boot] { be_taken(boot); });
+}
+
+void Client::be_taken(std::uint64_t boot) {
+    Daemon *there = world_.daemon_of(node_, boot);
+    if (there != nullptr && !there->takes_clients())
+        return put(world_.clock().now + queue_interval, [this, boot] { be_taken(boot); });
+    const std::uint64_t session = there != nullptr ? there->accept(*this) : 0;
+    if (session == 0) return connect_later();
+    boot_ = there->life().boot;
+    put(next_arrival(last_in_), [this, session] { connected(session); });
+    session_ = session; // what the daemon tells from here on is for this session
 }
 
 void Client::connect_later() {

@@ -62,6 +62,7 @@ class Client {
 
   private:
     void connect();
+    void be_taken(std::uint64_t boot);
     void connect_later();
     void connected(std::uint64_t session);
     void lose_connection();

@@ -57,6 +57,7 @@ class Daemon final : public EngineHost {
 
     // ---- clients ----
 
+    bool takes_clients() const { return restart_->takes_clients(); }
     // The id of the session; 0: refused for want of memory.
     std::uint64_t accept(Client &client);
     void handle(std::uint64_t session, const std::vector<Request> &requests);
