@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <fstream>
 #include <stdexcept>
 
@@ -51,6 +52,16 @@ nlohmann::json summary(const std::vector<double> &values) {
     return {{"median", median(values)}, {"min", *low}, {"max", *high}, {"runs", values}};
 }
 
+std::string heading(std::string side) {
+    std::ranges::transform(side, side.begin(), [](unsigned char c) { return std::toupper(c); });
+    return side + " (MIN .. MAX)";
+}
+
+std::string key(std::string side) {
+    std::ranges::replace(side, ' ', '_');
+    return side;
+}
+
 using Row = std::array<std::string, 6>;
 
 } // namespace
@@ -88,8 +99,8 @@ void Figures::set_goal(const std::string &name, Goal goal) {
 }
 
 void Figures::print(std::FILE *out) const {
-    std::vector<Row> rows = {{"FIGURE", "UNIT", "DAEMON (MIN .. MAX)", "NULL SERVER (MIN .. MAX)",
-                              "RATIO (MIN .. MAX)", "GOAL"}};
+    std::vector<Row> rows = {
+        {"FIGURE", "UNIT", heading(daemon_), heading(null_server_), "RATIO (MIN .. MAX)", "GOAL"}};
     for (const Figure &figure : figures_)
         rows.push_back({figure.name, figure.unit, with_range(figure.daemon),
                         with_range(figure.null_server), with_range(ratios(figure)),
@@ -114,8 +125,8 @@ void Figures::write_json(const std::string &path) const {
     for (const Figure &figure : figures_) {
         nlohmann::json entry = {{"name", figure.name},
                                 {"unit", figure.unit},
-                                {"daemon", summary(figure.daemon)},
-                                {"null_server", summary(figure.null_server)},
+                                {key(daemon_), summary(figure.daemon)},
+                                {key(null_server_), summary(figure.null_server)},
                                 {"ratio", summary(ratios(figure))}};
         if (figure.goal && !ratios(figure).empty())
             entry["goal"] = {

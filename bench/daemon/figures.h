@@ -3,13 +3,14 @@
 #include <cstdio>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "server_process.h"
 
 namespace ds::bench {
 
-// Wanted of the ratio daemon / null server.
+// Wanted of the ratio of the first side to the second: daemon / null server.
 struct Goal {
     bool is_upper_bound = false; // else the ratio has to reach it
     double bound = 0;
@@ -25,6 +26,10 @@ struct Figure {
 
 class Figures {
   public:
+    // What the two sides are called in the output.
+    explicit Figures(std::string daemon = "daemon", std::string null_server = "null server")
+        : daemon_(std::move(daemon)), null_server_(std::move(null_server)) {}
+
     // The figure of that name, made at the first call.
     Figure &of(const std::string &name, const std::string &unit);
     void add(Kind kind, const std::string &name, const std::string &unit, double value);
@@ -35,6 +40,7 @@ class Figures {
     void write_json(const std::string &path) const;
 
   private:
+    std::string daemon_, null_server_;
     std::vector<Figure> figures_; // in the order of their first values
 };
 

@@ -1,9 +1,9 @@
 // The measurements. Each takes fresh servers and adds its values to the figures.
 #pragma once
-#include <chrono>
 #include <vector>
 
 #include "figures.h"
+#include "pairs.h"
 #include "server_process.h"
 
 namespace ds::bench {
@@ -26,19 +26,5 @@ void measure_memory(const Options &options, Figures &figures);
 
 // The round trip of one user while another floods the daemon.
 void measure_fairness(const Options &options, Figures &figures);
-
-using Clock = std::chrono::steady_clock;
-inline double seconds_since(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// Calls measure(kind) for both servers in each run, in alternating order.
-template <typename Function> void alternate(int runs, Function &&measure) {
-    for (int run = 0; run < runs; run++) {
-        const bool daemon_first = run % 2 == 0;
-        measure(daemon_first ? Kind::daemon : Kind::null_server);
-        measure(daemon_first ? Kind::null_server : Kind::daemon);
-    }
-}
 
 } // namespace ds::bench

@@ -49,15 +49,17 @@ int open_notify_socket(const std::string &path) {
 
 } // namespace
 
-ServerProcess::ServerProcess(const Programs &programs, Kind kind) : directory_(make_directory()) {
-    const std::string base = directory_.string();
-    socket_ = base + "/ds.sock";
-    const std::string notify_path = base + "/notify";
+ServerProcess::ServerProcess(const Programs &programs, Kind kind)
+    : ServerProcess([&](const std::string &directory) -> std::vector<std::string> {
+          if (kind == Kind::daemon) return {programs.daemon, "--runtime-dir", directory};
+          return {programs.null_server, directory + "/ds.sock"};
+      }) {}
+
+ServerProcess::ServerProcess(const CommandLine &command_line)
+    : directory_(make_directory()), socket_(directory_.string() + "/ds.sock") {
+    const std::string notify_path = directory_.string() + "/notify";
     const int notify_fd = open_notify_socket(notify_path);
-    if (kind == Kind::daemon)
-        launch({programs.daemon, "--runtime-dir", base, "--socket", socket_}, notify_path);
-    else
-        launch({programs.null_server, socket_}, notify_path);
+    launch(command_line(directory_.string()), notify_path);
     wait_until_ready(notify_fd);
     close(notify_fd);
 }
@@ -82,7 +84,7 @@ void ServerProcess::launch(const std::vector<std::string> &arguments,
     setenv("NOTIFY_SOCKET", notify_path.c_str(), 1);
     const int quiet = open("/dev/null", O_WRONLY | O_CLOEXEC);
     dup2(quiet, STDOUT_FILENO);
-    execv(argv[0], argv.data());
+    execvp(argv[0], argv.data());
     _exit(127);
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,12 +23,16 @@ struct Programs {
 // measured.
 class ServerProcess {
   public:
+    // The words that start a server which lives in that directory, the program first.
+    using CommandLine = std::function<std::vector<std::string>(const std::string &directory)>;
+
     ServerProcess(const Programs &programs, Kind kind);
+    explicit ServerProcess(const CommandLine &command_line);
     ~ServerProcess();
     ServerProcess(const ServerProcess &) = delete;
     ServerProcess &operator=(const ServerProcess &) = delete;
 
-    const std::string &socket() const { return socket_; }
+    const std::string &socket() const { return socket_; } // DIRECTORY/ds.sock
     pid_t pid() const { return pid_; }
 
     double cpu_seconds() const; // used so far
