@@ -27,6 +27,9 @@ using asio::ip::tcp;
 namespace {
 
 constexpr std::size_t idle_max = 8;
+// One read takes as much as the buffer has room for, and by itself it would not grow beyond half a
+// kilobyte: a hundred reads for the events of one transaction.
+constexpr std::size_t read_bytes = 16ull * 1024;
 constexpr std::uint64_t answer_bytes_max = 256ull * 1024 * 1024;
 constexpr std::size_t line_bytes_max = 256ull * 1024 * 1024;
 
@@ -68,7 +71,9 @@ Task<tcp::resolver::results_type> resolve(asio::io_context &io, const Endpoint &
 template <typename Stream> class ConnectionOver final : public Connection {
   public:
     ConnectionOver(asio::io_context &io, const Endpoint &endpoint, Stream stream)
-        : io_(io), endpoint_(endpoint), stream_(std::move(stream)) {}
+        : io_(io), endpoint_(endpoint), stream_(std::move(stream)) {
+        buffer_.reserve(read_bytes);
+    }
 
     Task<void> open(Duration deadline) override {
         try {
@@ -164,7 +169,7 @@ template <typename Stream> class ConnectionOver final : public Connection {
     Stream stream_;
     beast::flat_buffer buffer_;
     http::response_parser<http::buffer_body> parser_;
-    std::array<char, 16 * 1024> chunk_;
+    std::array<char, read_bytes> chunk_;
     bool is_closed_ = false;
     bool is_kept_ = false;
 };
