@@ -26,8 +26,9 @@ struct Scenario {
 };
 
 constexpr Scenario scenarios[] = {
-    {"latency", measure_latency}, {"bulk", measure_bulk}, {"changes", measure_changes},
-    {"memory", measure_memory},   {"idle", measure_idle},
+    {"latency", measure_latency}, {"bulk", measure_bulk},     {"changes", measure_changes},
+    {"streams", measure_streams}, {"memory", measure_memory}, {"death", measure_death},
+    {"idle", measure_idle},
 };
 
 void measure(const Settings &options, const std::vector<std::string> &only, Figures &figures) {
@@ -72,7 +73,8 @@ int main(int argc, char **argv) {
         names.emplace_back(scenario.name);
     CLI::App app("bench_relay - what replication through etcd costs.", "bench_relay");
     add_options(app, options);
-    app.add_option("--only", only, "Only these: latency, bulk, changes, memory, idle")
+    app.add_option("--only", only,
+                   "Only these: latency, bulk, changes, streams, memory, death, idle")
         ->delimiter(',')
         ->check(CLI::IsMember(names));
     app.add_option("--json", json, "Write the results to this file, too")->type_name("FILE");

@@ -34,9 +34,13 @@ void measure_bulk(const Options &options, Figures &figures);
 // What a service takes on its own node and on another, and what a node takes from the store that
 // connects to it when it is full.
 void measure_memory(const Options &options, Figures &figures);
+// A node with many services dies.
+void measure_death(const Options &options, Figures &figures);
 // What nodes cost the store that have nothing to say.
 void measure_idle(const Options &options, Figures &figures);
-// Changes without a pause, and what each costs everybody.
+// Changes at a steady pace, and what each costs everybody.
 void measure_changes(const Options &options, Figures &figures);
+// What each further stream, and so each further node, costs the store for a change.
+void measure_streams(const Options &options, Figures &figures);
 
 } // namespace ds::bench::replication
