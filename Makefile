@@ -40,7 +40,7 @@ fuzz: ## fuzz each target for SECONDS (30) from its corpus
 	@tools/setup.sh build test
 	@tools/fuzz.sh $(SECONDS)
 
-bench: ## run the benchmarks (BENCH_ARGS for the daemon's load generator)
+bench: ## run the benchmarks (BENCH_ARGS="relay --runs 3" for one of library, daemon, relay)
 	@tools/setup.sh build bench
 	@tools/bench.sh $(BENCH_ARGS)
 

@@ -8,7 +8,7 @@ declare -A sets=(
   [build]="g++ make cmake ninja-build ccache pkg-config libboost1.81-dev protobuf-compiler libprotobuf-dev
            libcli11-dev libtomlplusplus-dev nlohmann-json3-dev libsystemd-dev libssl-dev"
   [test]="git clang-14 libclang-rt-14-dev libgtest-dev libgmock-dev python3 groff-base etcd-server openssl iproute2"
-  [bench]="libbenchmark-dev libhiredis-dev redis-server dbus-broker python3-minimal"
+  [bench]="libbenchmark-dev libhiredis-dev redis-server dbus-broker python3-minimal etcd-server"
   [coverage]="gcovr"
   [package]="dpkg-dev binutils"
   [lint]="clang-tidy"

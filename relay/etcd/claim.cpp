@@ -66,6 +66,7 @@ Task<void> Session::settle_epoch() {
 }
 
 Task<void> Session::ensure_lease() {
+    renewed_ = Clock::now();
     if (core_.lease != 0) {
         const LeaseReply reply = decode_keep_alive(
             co_await client_.call("/v3/lease/keepalive", encode_lease(core_.lease)));

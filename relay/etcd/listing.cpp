@@ -21,6 +21,7 @@ Task<void> Session::read_range(KeyRange range, bool keys_only, std::int64_t &rev
         for (KeyValue &item : reply.items)
             out.push_back(std::move(item));
         if (!reply.more || reply.items.empty()) co_return;
+        co_await keep_alive_if_due();        // a list of many pages outlasts the lease
         range.begin = out.back().key + '\0'; // the next possible key
     }
 }

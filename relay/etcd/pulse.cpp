@@ -14,10 +14,17 @@ Task<void> Session::pulse() {
 Task<void> Session::keep_alive() {
     const LeaseReply reply =
         decode_keep_alive(co_await client_.call("/v3/lease/keepalive", encode_lease(core_.lease)));
+    renewed_ = Clock::now();
     if (reply.ttl_s > 0) co_return;
     core_.lease = 0;
     core_.counters.leases_lost++;
     throw Failure("the lease has expired");
+}
+
+// For what may take longer than the lease lasts, while there is no pulse yet. With one it is never
+// due.
+Task<void> Session::keep_alive_if_due() {
+    if (Clock::now() - renewed_ > core_.granted_ttl / 2) co_await keep_alive();
 }
 
 // Writes the probe key and waits until the watch shows it: a store that is frozen, and a stream

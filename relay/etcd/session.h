@@ -84,6 +84,7 @@ class Session : public std::enable_shared_from_this<Session> {
     // ---- pulse.cpp ----
     Task<void> pulse();
     Task<void> keep_alive();
+    Task<void> keep_alive_if_due();
     Task<void> probe();
 
     // ---- write.cpp ----
@@ -104,6 +105,7 @@ class Session : public std::enable_shared_from_this<Session> {
     Client client_;
     std::string node_key_, node_value_;
     std::int64_t own_create_revision_ = 0;
+    Clock::time_point renewed_; // the lease, as far as known
 
     std::string failure_; // empty: none
     std::exception_ptr reason_;

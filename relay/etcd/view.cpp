@@ -128,7 +128,7 @@ void View::put_entry(const EntryKey &parts, const KeyValue &item, Events &events
     Update update;
     const std::string problem = decode_update(parts, item.value, update);
     if (problem.empty())
-        entry.update = std::move(update);
+        entry.update = std::make_shared<const Update>(std::move(update));
     else
         entry.update.reset(), journal_.refuse(item.key, problem);
     settle(parts.node, item.key, entry, events);
@@ -169,7 +169,10 @@ bool View::counts(const NodeAddress &address, const Entry &entry) const {
 void View::settle(const NodeAddress &address, const std::string &key, Entry &entry,
                   Events &events) {
     if (counts(address, entry)) {
-        if (entry.told != entry.update) tell(address, key, entry, events);
+        if (entry.told && *entry.told == *entry.update)
+            entry.told = entry.update;
+        else
+            tell(address, key, entry, events);
         return;
     }
     untell(address, entry, events);

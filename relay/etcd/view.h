@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -74,8 +75,9 @@ class View {
     struct Entry {
         EntryKey parts;
         std::int64_t mod_revision = 0;
-        std::optional<Update> update; // nothing: refused
-        std::optional<Update> told;   // what the directory knows
+        // Shared, as the directory mostly knows what the store holds.
+        std::shared_ptr<const Update> update; // null: refused
+        std::shared_ptr<const Update> told;   // what the directory knows; null: nothing
         std::size_t told_bytes = 0;
         bool is_waiting = false; // its name is full
     };

@@ -2,6 +2,7 @@
 #include "platform/dsr.h"
 #include "relay/etcd/records.h"
 #include "tests/relay/etcd_fixture.h"
+#include "tests/relay/proxy.h"
 
 using namespace relay_test;
 using namespace std::chrono_literals;
@@ -187,6 +188,32 @@ TEST_F(etcd_life, does_not_remove_entries_of_a_node_that_came_back) {
     EXPECT_EQ(one->engine->status().cleanups, 0u);
     EXPECT_TRUE(store().get(keys().entry(node(9), update)).has_value());
     EXPECT_EQ(one->directory.seen(), ""); // written under no key, or under an earlier one
+}
+
+// A page takes half a second, ten of them more than the TTL of three.
+TEST_F(etcd_life, goes_on_through_a_list_that_takes_longer_than_the_lease) {
+    constexpr std::uint32_t services = 5'000;
+    EtcdConfig calm = config(2);
+    calm.audit_interval = 1h;
+    const auto two = join(calm);
+    for (std::uint32_t id = 1; id <= services; id++)
+        two->directory.publish(update_of("s" + std::to_string(id), id));
+    EXPECT_TRUE(is_written(*two));
+    Proxy proxy(io, server().port());
+    proxy.carry_down(300'000);
+    EtcdConfig slow = config(1);
+    slow.endpoints = {proxy.endpoint()};
+    slow.call_deadline = 2500ms;
+
+    const auto begun = std::chrono::steady_clock::now();
+    const auto one = join(slow);
+    proxy.carry_down(0);
+
+    EXPECT_GT(std::chrono::steady_clock::now() - begun, slow.ttl);
+    EXPECT_TRUE(audits(*one, 2));
+    EXPECT_EQ(one->engine->status().sessions, 1u);
+    EXPECT_EQ(one->engine->status().leases_lost, 0u);
+    EXPECT_EQ(two->directory.count("down 1"), 0u);
 }
 
 TEST_F(etcd_life, is_shown_by_the_status) {
