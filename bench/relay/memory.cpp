@@ -56,6 +56,9 @@ void measure_replicated(const Options &options, Figures &figures) {
                 growth(receiver, pair.receiver->own_resident_bytes()) / count);
     figures.add(replicated, "memory_store", "bytes/service",
                 growth(of_store, store.resident_bytes()) / count);
+    Gateway gateway(store.endpoint());
+    figures.add(replicated, "memory_store_file", "bytes/service",
+                gateway.metrics().sum("etcd_mvcc_db_total_size_in_bytes") / count);
     figures.add(replicated, "memory_receiver", "MB",
                 static_cast<double>(pair.receiver->resident_bytes()) / bytes_per_mb);
     measure_join(options, figures, store, "bench/bulk/0");
