@@ -118,6 +118,43 @@ TEST_F(EtcdFault, a_lease_that_was_renewed_and_is_found_over_after_a_standstill_
     EXPECT_EQ(a->observer().losses(), "");
 }
 
+TEST_F(EtcdFault, a_node_that_starts_while_the_store_is_away_joins_when_it_is_back) {
+    populate();
+
+    etcd.kill();
+    Node &late = cluster.add_node(etcd.endpoint());
+    cluster.add_publisher(late).publish({"log", "late"}, 514);
+    etcd.start();
+
+    EXPECT_TRUE(all_agree());
+    EXPECT_TRUE(lost_only({a, b, c}, ""));
+}
+
+// It cannot take its services back, so they go with its lease.
+TEST_F(EtcdFault, a_node_that_is_stopped_while_the_store_is_away_ends_cleanly_and_is_missed) {
+    options_a.ttl = 3s;
+    populate();
+
+    etcd.kill();
+    a->stop();
+    etcd.start();
+
+    EXPECT_TRUE(all_agree());
+    EXPECT_TRUE(lost_only({c}, "web/of-a SYSTEM of a"));
+}
+
+TEST_F(EtcdFault, a_node_that_is_stopped_while_the_store_stands_still_ends_cleanly_and_is_missed) {
+    options_a.ttl = 3s;
+    populate();
+
+    etcd.freeze();
+    a->stop();
+    etcd.thaw();
+
+    EXPECT_TRUE(all_agree());
+    EXPECT_TRUE(lost_only({c}, "web/of-a SYSTEM of a"));
+}
+
 TEST_F(EtcdFault, a_wiped_store_is_filled_again_by_every_node) {
     populate();
 
