@@ -108,6 +108,7 @@ void Core::deliver(const Listing &listing, std::int64_t own_create_revision) {
 }
 
 void Core::give_leftovers() {
+    own.remove_void();
     for (const KeyValue &item : own.take_leftovers(is_own_period_open())) {
         const auto parts = keys.parse_entry(item.key);
         Update update;

@@ -149,6 +149,11 @@ OwnEntries::Seen OwnEntries::saw(const std::string &key, const Value &value,
     return seen;
 }
 
+void OwnEntries::remove_void() {
+    for (const auto &[key, known] : known_)
+        if (!known.counts && !wishes_.contains(key)) wish(key, std::nullopt);
+}
+
 std::vector<KeyValue> OwnEntries::take_leftovers(bool is_own_period_open) {
     std::vector<KeyValue> leftovers;
     for (auto &[key, known] : known_) {

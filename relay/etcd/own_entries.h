@@ -5,7 +5,8 @@
 //   value    other      written
 //   value    same       nothing
 //   no entry value      removed
-//   none     value      nothing: left by an earlier life, offered to the directory
+//   none     value      nothing: left by an earlier life, offered to the directory; removed if it
+//                       was written under an earlier node key
 //
 // A key is never in two writes at once, so the store sees its states in the order of the wishes;
 // states that nobody waited for are skipped.
@@ -72,6 +73,9 @@ class OwnEntries {
     // An own entry in the watch; nothing for a deletion.
     Seen saw(const std::string &key, const Value &value, std::int64_t revision);
 
+    // Has those removed that nobody wished for and that were written under an earlier node key: no
+    // node counts them, so there is nothing to judge.
+    void remove_void();
     // Entries that nobody wished for, for the directory to judge. Each is given out once, and a
     // second time outside the restart period when the first time was within.
     std::vector<KeyValue> take_leftovers(bool is_own_period_open);

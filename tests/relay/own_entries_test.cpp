@@ -186,3 +186,16 @@ TEST_F(own_entries, leave_in_batches_of_bounded_size) {
     next();
     EXPECT_EQ(last.writes.size(), 1u);
 }
+
+TEST_F(own_entries, of_an_earlier_node_key_are_removed_and_not_judged_unless_wished_for) {
+    entries.replace_known({item("a", "1", 4), item("b", "1", 5), item("c", "1", 6)}, 5);
+    entries.wish("a", "1");
+
+    entries.remove_void();
+
+    EXPECT_EQ(leftovers(true), "c");
+    EXPECT_EQ(next(), "a=1 -b");
+    entries.complete(last, 7);
+    EXPECT_EQ(entries.revision_of("b"), 0);
+    EXPECT_EQ(next(), "");
+}
