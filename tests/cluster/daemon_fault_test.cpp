@@ -84,3 +84,23 @@ TEST_F(DaemonFault, a_second_daemon_with_the_address_of_a_living_one_is_refused)
     EXPECT_TRUE(all_agree());
     EXPECT_EQ(b->observer().losses(), "");
 }
+
+// Nobody takes the address of the dead before its lease has ended; what it had published is void
+// then, and nobody waits for it.
+TEST_F(DaemonFault, the_address_of_a_dead_daemon_can_be_used_elsewhere_after_its_ttl) {
+    options_a.ttl = 4s;
+    populate();
+
+    const Clock::time_point killed = Clock::now();
+    a->kill();
+    publisher_of(a).kill();
+    a->forget_runtime_dir();
+    a->start();
+    cluster.add_publisher(*a).publish({"log", "fresh"}, 514);
+
+    EXPECT_TRUE(all_agree());
+    EXPECT_LT(Clock::now() - killed, 25s); // less than a restart period
+    EXPECT_TRUE(lost_only({b}, of_a_on_b));
+    EXPECT_EQ(b->observer().told(Change::Kind::appeared), "log/fresh SYSTEM of a");
+    EXPECT_EQ(a->observer().losses(), ""); // it never showed them
+}

@@ -51,20 +51,3 @@ TEST_F(LongFault,
     EXPECT_TRUE(lost_only({b}, "mail/of-a RACK of a; web/of-a SYSTEM of a"));
     EXPECT_EQ(b->times_down(*a), 0u);
 }
-
-// Nobody takes the address of the dead before its lease has ended; what it had published is void.
-TEST_F(LongFault, the_address_of_a_dead_daemon_can_be_used_elsewhere_after_its_ttl) {
-    options_a.ttl = 4s;
-    populate();
-
-    a->kill();
-    publisher_of(a).kill();
-    a->forget_runtime_dir();
-    a->start();
-    cluster.add_publisher(*a).publish({"log", "fresh"}, 514);
-
-    EXPECT_TRUE(all_agree());
-    EXPECT_TRUE(lost_only({b}, "mail/of-a RACK of a; web/of-a SYSTEM of a"));
-    EXPECT_EQ(b->observer().told(Change::Kind::appeared), "log/fresh SYSTEM of a");
-    EXPECT_EQ(a->observer().losses(), ""); // it never showed them
-}
