@@ -3,8 +3,13 @@
 MAKEFLAGS += --no-print-directory
 BENCH_ARGS ?=
 SECONDS ?= 30
+SEEDS ?= 1000
+NODES ?= 5
+SCENARIO ?= all
+FIRST ?= 1
+JOBS ?=
 
-.PHONY: help setup build run cluster test test-dev test-asan fuzz bench package docs format lint coverage clean
+.PHONY: help setup build run cluster test test-dev test-asan fuzz sim bench package docs format lint coverage clean
 
 help: ## show this list
 	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-10s %s\n", $$1, $$2 }' Makefile
@@ -39,6 +44,10 @@ test-asan: ## the suite, built with clang++ and the address and undefined behavi
 fuzz: ## fuzz each target for SECONDS (30) from its corpus
 	@tools/setup.sh build test
 	@tools/fuzz.sh $(SECONDS)
+
+sim: ## simulate clusters under faults: SEEDS=n NODES=n SCENARIO=name (docs/simulator.md)
+	@tools/setup.sh build
+	@tools/sim.sh $(SEEDS) $(NODES) $(SCENARIO) $(FIRST) $(JOBS)
 
 bench: ## run the benchmarks (BENCH_ARGS="relay --runs 3" for one of library, daemon, relay)
 	@tools/setup.sh build bench

@@ -122,7 +122,8 @@ void Restart::on_timer(mgd_timer_t *timer) {
     const bool is_own = timer == timer_of(DS_GLOBAL_SLOT_OWN_RESTART_TIMER);
     if (!is_own && timer != timer_of(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER))
         return mgd_timer_release(timer);
-    if (!is_own && is_own_period_open()) return;
+    // The own period goes on for the relay's only, so with that both are over: at a later end,
+    // services of other nodes that came back meanwhile would be settled as if they had not.
     if (is_own && is_running(DS_GLOBAL_SLOT_RELAY_RESTART_TIMER))
         return mgd_timer_leaf_start(timer, longer_for_the_relay);
     end_periods();

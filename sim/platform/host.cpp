@@ -32,6 +32,11 @@ uint64_t fts_get_stamp_fast(void) {
 
 // ---- trace channels: for people only ----
 
+#ifdef __clang__
+#pragma clang diagnostic ignored                                                                   \
+    "-Wformat-nonliteral" // the library's log points check their arguments themselves
+#endif
+
 int rtrace_open_internal(rtrace_handle_t *handle_out, const char *, uint32_t, uint32_t,
                          const char *, const char *, uint64_t) {
     static char channel;

@@ -41,9 +41,20 @@ void vary(Settings &settings) {
     settings.delay_max = random.chance(200) ? 500 * ms : 20 * ms;
 }
 
-template <Workload workload> Plan plan_of(Settings settings, const FaultMix &mix) {
+// How the clients of a scenario differ from those of the others.
+struct Manners {
+    bool changes_endpoints = true;
+    bool has_own_endpoints = true;
+    bool reuses_daemon_pid = false;
+};
+
+template <Workload workload>
+Plan plan_of(Settings settings, const FaultMix &mix, const Manners &manners = {}) {
     vary(settings);
+    settings.reuses_daemon_pid = manners.reuses_daemon_pid;
     Planner planner(settings);
+    planner.changes_endpoints = manners.changes_endpoints;
+    planner.has_own_endpoints = manners.has_own_endpoints;
     plan_phases(planner, workload, mix);
     return planner.finish();
 }
@@ -111,13 +122,25 @@ Plan make_storm(Settings settings) {
     mix.daemon_kills = mix.store_outages = mix.machine_halts = 1;
     return plan_of<plan_storm>(std::move(settings), mix);
 }
-Plan make_everything(Settings settings) {
+FaultMix all_faults() {
     FaultMix mix;
     mix.mean_interval = 10 * second;
     mix.daemon_kills = 4;
     mix.daemon_stops = mix.machine_halts = mix.freezes = mix.partitions = mix.store_outages = 2;
     mix.store_wipes = 1;
-    return plan_of<plan_steady>(std::move(settings), mix);
+    return mix;
+}
+Plan make_everything(Settings settings) {
+    return plan_of<plan_steady>(std::move(settings), all_faults());
+}
+Plan make_containers(Settings settings) {
+    return plan_of<plan_steady>(std::move(settings), all_faults(), {.reuses_daemon_pid = true});
+}
+Plan make_roles(Settings settings) {
+    return plan_of<plan_steady>(std::move(settings), all_faults(), {.changes_endpoints = false});
+}
+Plan make_shared_endpoints(Settings settings) {
+    return plan_of<plan_steady>(std::move(settings), all_faults(), {.changes_endpoints = false, .has_own_endpoints = false});
 }
 
 } // namespace
@@ -137,6 +160,9 @@ const std::vector<Scenario> &scenarios() {
         {"flapping", "publishers come and go many times a second", make_flapping},
         {"storm", "every client registers for everything, again and again", make_storm},
         {"everything", "all faults but lack of memory, often", make_everything},
+        {"containers", "the same, and each daemon has its predecessor's pid", make_containers},
+        {"roles", "x", make_roles},
+        {"shared-endpoints", "y", make_shared_endpoints},
     };
     return all;
 }

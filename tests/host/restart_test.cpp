@@ -428,6 +428,76 @@ TEST_F(RestartTest, a_relay_that_stays_away_costs_the_remote_services_after_30_s
     EXPECT_EQ(server->directory().find("restart.remote"), nullptr);
 }
 
+TEST_F(RestartTest, a_service_that_comes_back_after_both_periods_stays) {
+    ScriptedEngine engine;
+    start(engine);
+    engine.events->connected();
+    engine.deliver(own_node, "restart.nobodys", 0x77000006);
+    engine.deliver(other_node, "restart.returns", 0x88000007);
+    engine.events->listed();
+    advance_time(20 * ns_per_s);
+    turn();
+    engine.events->disconnected();
+    for (int s = 0; s < 31; s++) {
+        advance_time(ns_per_s);
+        turn();
+    }
+    const bool is_own_period_over = !server->restart().is_own_period_open();
+
+    engine.events->connected();
+    engine.deliver(other_node, "restart.returns", 0x88000007);
+    engine.events->listed();
+    advance_time(10 * ns_per_s);
+    turn();
+
+    EXPECT_TRUE(is_own_period_over);
+    EXPECT_NE(server->directory().find("restart.returns"), nullptr);
+    engine.events->node_down(other_node);
+}
+
+TEST_F(RestartTest, a_withdrawal_leaves_what_waits_for_another_client) {
+    ScriptedEngine engine;
+    start(engine);
+    Client publisher, watcher;
+    publisher.hello();
+    watcher.hello();
+    publisher.call(publish_request("restart.beside"));
+    engine.events->connected();
+    engine.deliver(own_node, "restart.beside", 0x77000007, 9090, DSR_ADD, 4'000'001);
+    v1::Request request;
+    request.mutable_withdraw()->set_name("restart.beside");
+    request.mutable_withdraw()->set_scope(v1::SCOPE_SYSTEM);
+
+    const v1::Reply reply = publisher.call(std::move(request));
+    watcher.call(register_request("restart.beside"));
+
+    EXPECT_EQ(reply.status(), v1::STATUS_OK);
+    EXPECT_EQ(snapshot_of(watcher).instances_size(), 0);
+    EXPECT_NE(server->directory().find_local_service("restart.beside", 0x77000007), nullptr);
+    EXPECT_TRUE(engine.sent.empty());
+}
+
+TEST_F(RestartTest, a_client_that_changes_its_service_has_one_of_it_also_beside_a_waiting_one) {
+    ScriptedEngine engine;
+    start(engine);
+    Client publisher, watcher;
+    publisher.hello();
+    watcher.hello();
+    publisher.call(publish_request("restart.changed"));
+    engine.events->connected();
+    engine.deliver(own_node, "restart.changed", 0x77000008, 9090, DSR_ADD, 4'000'001);
+    v1::Request request = publish_request("restart.changed");
+    request.mutable_publish()->mutable_endpoint()->mutable_ipv4()->set_port(7070);
+
+    publisher.call(std::move(request));
+    watcher.call(register_request("restart.changed"));
+    const v1::Snapshot snapshot = snapshot_of(watcher);
+
+    ASSERT_EQ(snapshot.instances_size(), 1);
+    EXPECT_EQ(snapshot.instances(0).endpoint().ipv4().port(), 7070u);
+    EXPECT_EQ(engine.sent, std::vector<std::string>{"DELETE restart.changed"});
+}
+
 TEST_F(RestartTest, only_the_newest_of_two_disconnections_ends_the_period) {
     ScriptedEngine engine;
     start(engine);
