@@ -1,6 +1,7 @@
 #include "host/records.h"
 
 #include <cstring>
+#include <unordered_set>
 #include <vector>
 
 namespace ds::host {
@@ -218,6 +219,23 @@ ds_service_elem_t *Records::first() const {
 
 ds_service_elem_t *Records::next(ds_service_elem_t *element) {
     return element_of(avl_get_next(&element->tree_link));
+}
+
+void Records::drop_twins() {
+    for (ds_service_elem_t *element = first(); element != nullptr; element = next(element)) {
+        std::unordered_set<std::uint32_t> live_ids;
+        std::vector<ds_service_t *> waiting;
+        for (ds_service_t *service = ds_service_get_service_list_head(element); service != nullptr;
+             service = ds_service_get_next_in_service_list(service)) {
+            if (service->node != local_node()) continue;
+            if (is_live(service))
+                live_ids.insert(service->service_id);
+            else
+                waiting.push_back(service);
+        }
+        for (ds_service_t *service : waiting)
+            if (live_ids.contains(service->service_id)) ds_db_delete_service(service, nullptr);
+    }
 }
 
 void Records::drop_empty_names() {

@@ -66,6 +66,10 @@ class Records {
     ds_service_elem_t *find(const std::string &name) const;
     ds_service_elem_t *first() const;
     static ds_service_elem_t *next(ds_service_elem_t *element);
+    // Before a restart period is settled: services that wait for their publisher although a live
+    // one has taken over their identity already. When the relay replays twice in a period, such a
+    // twin can remain; its withdrawal would take the live one's entry away.
+    void drop_twins();
     // After a restart period or the end of a node: names that nobody publishes or watches.
     void drop_empty_names();
 

@@ -102,6 +102,7 @@ void Restart::end_if_complete() {
 
 // The directory settles the services of all nodes at once, so the periods end together.
 void Restart::end_periods() {
+    records_.drop_twins();
     ds_db_finalize_restart();
     for (const int slot : {DS_GLOBAL_SLOT_OWN_RESTART_TIMER, DS_GLOBAL_SLOT_RELAY_RESTART_TIMER})
         if (is_running(slot)) mgd_timer_leaf_stop(timer_of(slot));
