@@ -98,7 +98,7 @@ Node &Cluster::add_node(const std::string &endpoints, const NodeOptions &options
 }
 
 Publisher &Cluster::add_publisher(Node &node) {
-    members_.push_back(std::make_unique<Member>(&node, Publisher(node.socket())));
+    members_.push_back(std::make_unique<Member>(node));
     return members_.back()->publisher;
 }
 

@@ -76,6 +76,7 @@ class Node {
 
 // A client process and the node it is connected to.
 struct Member {
+    explicit Member(Node &home) : node(&home), publisher(home.socket()) {}
     Node *node;
     Publisher publisher;
 };
