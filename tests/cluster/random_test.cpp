@@ -97,7 +97,7 @@ class LongRandom : public OneStore {
 } // namespace
 
 TEST_F(LongRandom, histories_with_faults_end_in_agreement) {
-    constexpr int rounds = 8;
+    constexpr int rounds = 5;
     options_a.ttl = options_b.ttl = options_c.ttl = 3s;
     populate();
 
