@@ -18,12 +18,12 @@ namespace ds::sim {
 namespace {
 
 std::vector<Job> jobs_of(const Options &options) {
+    const auto all = scenarios_of(Role::workload);
     std::vector<Job> jobs;
     for (std::uint64_t i = 0; i < options.seeds; i++) {
         Job job;
-        const auto &all = scenarios();
         job.scenario =
-            options.scenario == "all" ? all[i % all.size()].name : options.scenario.c_str();
+            options.scenario == "all" ? all[i % all.size()]->name : options.scenario.c_str();
         job.settings = options.settings;
         job.settings.scenario = job.scenario;
         job.settings.seed = options.first_seed + i;

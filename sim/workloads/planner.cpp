@@ -7,6 +7,12 @@
 
 namespace ds::sim {
 
+namespace {
+
+constexpr std::uint32_t instances_max = 1000; // of one client
+
+} // namespace
+
 Plan Planner::finish() {
     std::stable_sort(plan_.ops.begin(), plan_.ops.end(),
                      [](const Op &a, const Op &b) { return a.at < b.at; });
@@ -39,6 +45,7 @@ void Planner::kill(Time at, Client &client) {
 
 void Planner::publish(Time at, Client &client, std::uint32_t name, std::uint32_t instance,
                       std::uint32_t scope) {
+    if (has_own_instances) instance += instances_max * client.index;
     client.published.insert({name, instance, scope});
     const std::uint32_t owner = has_own_endpoints ? instance : 0;
     std::uint32_t &endpoint =

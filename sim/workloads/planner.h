@@ -49,6 +49,8 @@ class Planner {
     bool changes_roles = true;
     // Publications of one process under one name have endpoints of their own.
     bool has_own_endpoints = true;
+    // No two processes of a node publish the same instance of a name.
+    bool has_own_instances = true;
 
     Random random;
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "sim/faults/fault_mix.h"
+#include "sim/workloads/regressions.h"
 #include "sim/workloads/workloads.h"
 #include "sim/world/world.h"
 
@@ -45,6 +46,7 @@ void vary(Settings &settings) {
 struct Manners {
     bool changes_endpoints = true;
     bool has_own_endpoints = true;
+    bool has_own_instances = true;
     bool reuses_daemon_pid = false;
 };
 
@@ -55,6 +57,7 @@ Plan plan_of(Settings settings, const FaultMix &mix, const Manners &manners = {}
     Planner planner(settings);
     planner.changes_endpoints = manners.changes_endpoints;
     planner.has_own_endpoints = manners.has_own_endpoints;
+    planner.has_own_instances = manners.has_own_instances;
     plan_phases(planner, workload, mix);
     return planner.finish();
 }
@@ -140,7 +143,12 @@ Plan make_roles(Settings settings) {
     return plan_of<plan_steady>(std::move(settings), all_faults(), {.changes_endpoints = false});
 }
 Plan make_shared_endpoints(Settings settings) {
-    return plan_of<plan_steady>(std::move(settings), all_faults(), {.changes_endpoints = false, .has_own_endpoints = false});
+    return plan_of<plan_steady>(std::move(settings), all_faults(),
+                                {.changes_endpoints = false, .has_own_endpoints = false});
+}
+
+Plan make_shared_instances(Settings settings) {
+    return plan_of<plan_steady>(std::move(settings), all_faults(), {.has_own_instances = false});
 }
 
 } // namespace
@@ -160,11 +168,30 @@ const std::vector<Scenario> &scenarios() {
         {"flapping", "publishers come and go many times a second", make_flapping},
         {"storm", "every client registers for everything, again and again", make_storm},
         {"everything", "all faults but lack of memory, often", make_everything},
-        {"containers", "the same, and each daemon has its predecessor's pid", make_containers},
-        {"roles", "x", make_roles},
-        {"shared-endpoints", "y", make_shared_endpoints},
+        {"regression-withdraw", "a withdrawal beside a service that waits", make_withdraw_beside,
+         Role::regression},
+        {"regression-change", "a change beside a service that waits", make_change_beside,
+         Role::regression},
+        {"regression-long-outage", "an outage that ends between the ends of two periods",
+         make_long_outage, Role::regression},
+        {"regression-twin", "two replays in one period, and a take-over between them", make_twin,
+         Role::regression},
+        {"limit-roles", "clients change their roles only, also while the store is away", make_roles,
+         Role::limit},
+        {"limit-shared-endpoints", "a process publishes several instances at one endpoint",
+         make_shared_endpoints, Role::limit},
+        {"limit-shared-instances", "processes of one node publish the same instance",
+         make_shared_instances, Role::limit},
+        {"limit-containers", "each daemon has its predecessor's pid", make_containers, Role::limit},
     };
     return all;
+}
+
+std::vector<const Scenario *> scenarios_of(Role role) {
+    std::vector<const Scenario *> some;
+    for (const Scenario &scenario : scenarios())
+        if (scenario.role == role) some.push_back(&scenario);
+    return some;
 }
 
 const Scenario *find_scenario(const std::string &name) {

@@ -1,0 +1,68 @@
+#include "sim/workloads/regressions.h"
+
+#include <utility>
+
+#include "ds_server_lib.h"
+
+namespace ds::sim {
+
+namespace {
+
+constexpr std::uint32_t name = 7;
+constexpr std::uint32_t identity = 1 * 4 + DS_SCOPE_SYSTEM; // instance and scope
+constexpr std::uint32_t first_endpoint = 10 * 4;
+constexpr std::uint32_t second_endpoint = 20 * 4;
+
+Plan plan_of(Settings settings, Time duration, std::vector<Op> ops) {
+    settings.duration = duration;
+    settings.reuses_client_pid = false;
+    return {settings, std::move(ops)};
+}
+
+// A machine boots: its client is there again, with another pid, before what the dead one had
+// published is replayed to the new daemon.
+std::vector<Op> reboot(const Op &last) {
+    return {{1 * second, Kind::start_client, 0, 2},
+            {1 * second, Kind::publish, 0, name, identity, first_endpoint},
+            {2 * second, Kind::start_client, 1, 2},
+            {2 * second, Kind::watch, 1, name},
+            {20 * second, Kind::halt_machine, 2, 1000},
+            last};
+}
+
+} // namespace
+
+Plan make_withdraw_beside(Settings settings) {
+    return plan_of(std::move(settings), 100 * second,
+                   reboot({38 * second, Kind::withdraw, 0, name, identity}));
+}
+
+Plan make_change_beside(Settings settings) {
+    return plan_of(std::move(settings), 100 * second,
+                   reboot({38 * second, Kind::publish, 0, name, identity, second_endpoint}));
+}
+
+Plan make_long_outage(Settings settings) {
+    return plan_of(std::move(settings), 100 * second,
+                   {{1 * second, Kind::start_client, 0, 0},
+                    {1 * second, Kind::publish, 0, name, identity, first_endpoint},
+                    {1 * second, Kind::start_client, 1, 2},
+                    {1 * second, Kind::publish, 1, name + 1, identity, second_endpoint},
+                    {20 * second, Kind::halt_machine, 2, 1500},
+                    {35'500 * ms, Kind::store_outage, 0, 31'400}});
+}
+
+// Two processes with the same instance; one withdraws while the daemon is away, and the other takes
+// over its entry.
+Plan make_twin(Settings settings) {
+    return plan_of(std::move(settings), 100 * second,
+                   {{1 * second, Kind::start_client, 0, 2},
+                    {1 * second, Kind::start_client, 1, 2},
+                    {2 * second, Kind::publish, 0, name, identity, first_endpoint},
+                    {3 * second, Kind::publish, 1, name, identity, second_endpoint},
+                    {20 * second, Kind::kill_daemon, 2, 2900},
+                    {20'200 * ms, Kind::withdraw, 1, name, identity},
+                    {28 * second, Kind::store_outage, 0, 4600}});
+}
+
+} // namespace ds::sim

@@ -1,0 +1,12 @@
+// What went wrong once, as short plans. The seed moves nothing but the delays.
+#pragma once
+#include "sim/base/plan.h"
+
+namespace ds::sim {
+
+Plan make_withdraw_beside(Settings settings);
+Plan make_change_beside(Settings settings);
+Plan make_long_outage(Settings settings);
+Plan make_twin(Settings settings);
+
+} // namespace ds::sim
