@@ -130,5 +130,6 @@ int main(int argc, char **argv) {
     Options options;
     if (const auto status = parse_options(argc, argv, options)) return *status;
     if (options.is_self_test) return run_self_test(options);
+    if (!options.hash_file.empty()) return check_hashes(options);
     return options.is_single ? run_one(options) : run_many(options);
 }

@@ -76,6 +76,7 @@ std::optional<int> parse_options(int argc, char **argv, Options &options) {
     app.add_flag("--keep-going", options.keeps_going, "do not stop at the first failure");
     app.add_flag("!--no-reduce", options.reduces, "do not look for a shorter failure");
     app.add_flag("--self-test", options.is_self_test, "each flaw is found by its checker");
+    app.add_option("--check-hashes", options.hash_file, "compare with a file of hashes");
     app.add_flag("--list", lists, "list the scenarios");
     CLI11_PARSE(app, argc, argv);
     options.program = argv[0];

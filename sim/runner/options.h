@@ -25,6 +25,7 @@ struct Options {
     bool keeps_going = false;
     bool reduces = true;
     bool is_self_test = false;
+    std::string hash_file; // what the seeds named in it came to; empty: none is looked at
 };
 
 // The exit status when there is nothing more to do.

@@ -1,9 +1,13 @@
 #include "sim/runner/self_test.h"
 
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <string>
 
 #include "sim/runner/verdict.h"
+#include "sim/workloads/scenario.h"
 
 namespace ds::sim {
 
@@ -68,6 +72,27 @@ int run_self_test(const Options &options) {
     for (const Expectation &expected : expectations)
         are_all_found = is_found(expected, options) && are_all_found;
     return are_all_found ? 0 : 1;
+}
+
+int check_hashes(const Options &options) {
+    std::ifstream file(options.hash_file);
+    std::string name, recorded;
+    std::uint64_t seed = 0;
+    int compared = 0, different = 0;
+    while (file >> name >> seed >> recorded) {
+        if (find_scenario(name) == nullptr) return 2;
+        Job job;
+        job.scenario = name.c_str();
+        job.settings = options.settings;
+        job.settings.scenario = name;
+        job.settings.seed = seed;
+        char hash[17];
+        std::snprintf(hash, sizeof hash, "%016" PRIx64, run_here(plan_of(job), false).hash);
+        std::printf("%s %" PRIu64 " %s\n", name.c_str(), seed, hash);
+        compared++;
+        different += recorded != hash ? 1 : 0;
+    }
+    return compared == 0 || different != 0 ? 1 : 0;
 }
 
 } // namespace ds::sim

@@ -7,4 +7,8 @@ namespace ds::sim {
 
 int run_self_test(const Options &options);
 
+// Each line of the file names a scenario, a seed and the hash that the run came to; it has to come
+// to it in every build. Prints the lines as they should be.
+int check_hashes(const Options &options);
+
 } // namespace ds::sim

@@ -65,4 +65,22 @@ Plan make_twin(Settings settings) {
                     {28 * second, Kind::store_outage, 0, 4600}});
 }
 
+// One process takes over the entry of another with the same instance, which then comes back with
+// its former pid and endpoint, before the store is back and replays the entry a second time.
+Plan make_two_heirs(Settings settings) {
+    Plan plan = plan_of(std::move(settings), 100 * second,
+                        {{1 * second, Kind::start_client, 0, 2},
+                         {1 * second, Kind::start_client, 1, 2},
+                         {2 * second, Kind::publish, 1, name, identity, first_endpoint},
+                         {2 * second, Kind::publish, 1, name + 1, identity, first_endpoint},
+                         {20 * second, Kind::stop_daemon, 2, 6000, 1},
+                         {23 * second, Kind::store_outage, 0, 13'800},
+                         {32 * second, Kind::kill_client, 1},
+                         {41'500 * ms, Kind::publish, 0, name, identity, second_endpoint},
+                         {42'600 * ms, Kind::store_outage, 0, 3'700},
+                         {45'800 * ms, Kind::start_client, 1, 2}});
+    plan.settings.reuses_client_pid = true;
+    return plan;
+}
+
 } // namespace ds::sim

@@ -139,6 +139,10 @@ Plan make_everything(Settings settings) {
 Plan make_containers(Settings settings) {
     return plan_of<plan_steady>(std::move(settings), all_faults(), {.reuses_daemon_pid = true});
 }
+Plan make_shared_containers(Settings settings) {
+    return plan_of<plan_steady>(std::move(settings), all_faults(),
+                                {.has_own_instances = false, .reuses_daemon_pid = true});
+}
 Plan make_roles(Settings settings) {
     return plan_of<plan_steady>(std::move(settings), all_faults(), {.changes_endpoints = false});
 }
@@ -168,6 +172,7 @@ const std::vector<Scenario> &scenarios() {
         {"flapping", "publishers come and go many times a second", make_flapping},
         {"storm", "every client registers for everything, again and again", make_storm},
         {"everything", "all faults but lack of memory, often", make_everything},
+        {"containers", "the same, and each daemon has its predecessor's pid", make_containers},
         {"regression-withdraw", "a withdrawal beside a service that waits", make_withdraw_beside,
          Role::regression},
         {"regression-change", "a change beside a service that waits", make_change_beside,
@@ -182,7 +187,10 @@ const std::vector<Scenario> &scenarios() {
          make_shared_endpoints, Role::limit},
         {"limit-shared-instances", "processes of one node publish the same instance",
          make_shared_instances, Role::limit},
-        {"limit-containers", "each daemon has its predecessor's pid", make_containers, Role::limit},
+        {"limit-two-heirs", "one entry is taken over by two processes", make_two_heirs,
+         Role::limit},
+        {"limit-containers", "the same, and each daemon has its predecessor's pid",
+         make_shared_containers, Role::limit},
     };
     return all;
 }
