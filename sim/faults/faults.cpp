@@ -1,5 +1,7 @@
 #include "sim/faults/faults.h"
 
+#include <algorithm>
+
 #include "sim/world/world.h"
 
 namespace ds::sim {
@@ -62,7 +64,8 @@ void halt_machine(World &world, int node, Time down) {
 
 void freeze(World &world, int node, Time length) {
     Machine &machine = world.machine(node);
-    if (machine.is_up) machine.frozen_until = world.clock().now + length;
+    if (machine.is_up)
+        machine.frozen_until = std::max(machine.frozen_until, world.clock().now + length);
 }
 
 void partition(World &world, int node, Time length, bool is_silent) {

@@ -9,6 +9,13 @@ constexpr std::uint32_t names = 8;
 constexpr std::uint32_t instances = 3;
 constexpr Time mean_interval = 1500 * ms; // between two operations of all clients
 
+// Drawn one by one: the order in which a call's arguments are made differs between compilers.
+void publish_one(Planner &planner, Time at, Planner::Client &client) {
+    const auto name = static_cast<std::uint32_t>(planner.random.below(names));
+    const auto instance = static_cast<std::uint32_t>(planner.random.below(instances));
+    planner.publish(at, client, name, instance, planner.some_scope());
+}
+
 void begin_with(Planner &planner, Time begin) {
     Random &random = planner.random;
     for (std::uint32_t node = 0; node < planner.settings().nodes; node++)
@@ -16,9 +23,7 @@ void begin_with(Planner &planner, Time begin) {
             const Time at = begin + random.below(2000) * ms;
             Planner::Client &client = planner.new_client(at, node);
             for (std::uint64_t left = random.below(4); left > 0; left--)
-                planner.publish(at, client, static_cast<std::uint32_t>(random.below(names)),
-                                static_cast<std::uint32_t>(random.below(instances)),
-                                planner.some_scope());
+                publish_one(planner, at, client);
             for (std::uint64_t left = random.below(3); left > 0; left--)
                 planner.watch(at, client, static_cast<std::uint32_t>(random.below(names)));
         }
@@ -31,8 +36,7 @@ void add_one(Planner &planner, Time at) {
     if (!client.is_alive) return planner.start(at, client);
     const std::uint64_t drawn = random.below(100);
     if (drawn < 45)
-        planner.publish(at, client, static_cast<std::uint32_t>(random.below(names)),
-                        static_cast<std::uint32_t>(random.below(instances)), planner.some_scope());
+        publish_one(planner, at, client);
     else if (drawn < 65)
         planner.withdraw(at, client);
     else if (drawn < 80)
