@@ -1,7 +1,5 @@
 #include "sim/faults/faults.h"
 
-#include <algorithm>
-
 #include "sim/world/world.h"
 
 namespace ds::sim {
@@ -62,10 +60,11 @@ void halt_machine(World &world, int node, Time down) {
     });
 }
 
+// One that is frozen already stays so for its time: what waits for its end keeps its order.
 void freeze(World &world, int node, Time length) {
     Machine &machine = world.machine(node);
-    if (machine.is_up)
-        machine.frozen_until = std::max(machine.frozen_until, world.clock().now + length);
+    const Time now = world.clock().now;
+    if (machine.is_up && machine.frozen_until <= now) machine.frozen_until = now + length;
 }
 
 void partition(World &world, int node, Time length, bool is_silent) {
