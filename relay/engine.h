@@ -10,7 +10,9 @@
 //
 // After connected() an engine delivers all that its store holds for this node to know, then says
 // listed(), then goes on with what changes. Updates about one service arrive in the order in which
-// its node sent them; a change may be delivered again, an older one never follows a newer.
+// its node sent them; a change may be delivered again, an older one never follows a newer. What has
+// changed of a service that was delivered before an outage is delivered once more behind listed():
+// in the list it only says that the service is still there.
 #pragma once
 #include <cstddef>
 #include <vector>

@@ -98,13 +98,14 @@ void Core::deliver(const Listing &listing, std::int64_t own_create_revision) {
         return;
     }
     is_reported_connected = true;
-    view.clear();
+    const View::Told before = view.clear();
     own.forget_wishes();
     own.replace_known(listing.own, own_create_revision);
     events->connected(); // the directory sends what it has: now it is known what is left over
     view.replace(listing.others, *events);
     give_leftovers();
     events->listed();
+    view.tell_changes_since(before, *events);
 }
 
 void Core::give_leftovers() {

@@ -19,12 +19,29 @@ void deliver(std::uint32_t operation, const NodeAddress &node, const Update &upd
 
 } // namespace
 
-void View::clear() {
+View::Told View::clear() {
+    Told told;
+    for (auto &[address, entries] : entries_)
+        for (auto &[key, entry] : entries)
+            if (entry.told) told[key] = std::move(entry.told);
     nodes_.clear();
     entries_.clear();
     names_.clear();
     names_with_room_.clear();
     entry_count_ = 0;
+    return told;
+}
+
+void View::tell_changes_since(const Told &before, Events &events) {
+    for (const auto &[address, entries] : entries_)
+        for (const auto &[key, entry] : entries) {
+            const auto known = before.find(key);
+            if (known == before.end() || !entry.told) continue;
+            const Update &was = *known->second, &is = *entry.told;
+            // With another process or endpoint it came as a service of its own.
+            const bool is_same = was.pid == is.pid && was.endpoint == is.endpoint;
+            if (is_same && was != is) deliver(DSR_MODIFY, address, is, events);
+        }
 }
 
 // ---- changes ----

@@ -44,8 +44,12 @@ class View {
     View(const Keys &keys, const Limits &limits, Journal &journal)
         : keys_(keys), limits_(limits), journal_(journal) {}
 
-    // Forgets everything without telling: the directory begins anew.
-    void clear();
+    using Told = std::map<std::string, std::shared_ptr<const Update>>; // by key
+    // Forgets everything without telling: the directory begins anew. Returns what it was told.
+    Told clear();
+    // A replay brings the directory the identity of a service that it knows, not what has changed
+    // of it. Says that once more, behind the list, of what is not as it was told before.
+    void tell_changes_since(const Told &before, Events &events);
 
     // Takes a whole list in place of what is known, and tells the difference.
     void replace(const std::vector<KeyValue> &items, Events &events);

@@ -110,13 +110,14 @@ void SimEngine::deliver(const Store::Listing &listing) {
             return;
         }
         is_reported_connected_ = true;
-        view_.clear();
+        const View::Told before = view_.clear();
         own_.forget_wishes();
         own_.replace_known(listing, identity_.node);
         events_->connected(); // the directory sends what it has: then what is left over is known
         view_.replace(listing, identity_.node, *events_);
         give_leftovers();
         events_->listed();
+        view_.tell_changes_since(before, *events_);
     });
     wake_writer();
     keep_alive();

@@ -14,9 +14,23 @@ int node_of(const relay::NodeAddress &address) {
     return address[4] << 8 | address[5];
 }
 
-void View::clear() {
+View::Told View::clear() {
+    Told told;
+    for (auto &[key, entry] : entries_)
+        if (entry.told) told[key] = std::move(entry.told);
     nodes_.clear();
     entries_.clear();
+    return told;
+}
+
+void View::tell_changes_since(const Told &before, relay::Events &events) {
+    for (const auto &[key, entry] : entries_) {
+        const auto known = before.find(key);
+        if (known == before.end() || !entry.told) continue;
+        const relay::Update &was = *known->second, &is = *entry.told;
+        const bool is_same = was.pid == is.pid && was.endpoint == is.endpoint;
+        if (is_same && was != is) deliver(DSR_MODIFY, key, entry.told, events);
+    }
 }
 
 void View::replace(const Store::Listing &listing, int self, relay::Events &events) {

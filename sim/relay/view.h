@@ -15,7 +15,10 @@ int node_of(const relay::NodeAddress &address);
 
 class View {
   public:
-    void clear();
+    using Told = std::map<EntryKey, UpdatePtr>;
+    Told clear(); // returns what the directory was told
+    // What a replay cannot bring: changes of services that the directory knows.
+    void tell_changes_since(const Told &before, relay::Events &events);
     void replace(const Store::Listing &listing, int self, relay::Events &events);
     void take(const Change &change, relay::Events &events);
 

@@ -34,9 +34,12 @@ host::PublishInfo make_info(const Request &request) {
     VIDL_SET(info.get(), service_name, DS_PINFO_BIT_NAME, copy_of(name_text(request.name)));
     VIDL_SET_ARRAY(info.get(), entries, DS_PINFO_BIT_ENTRIES, entry, 1);
     VIDL_SET(entry, ep_type, DS_SINFO_BIT_EP_TYPE, DS_EP_TYPE_IP);
-    auto *endpoint = static_cast<std::uint8_t *>(std::malloc(DS_ENDPOINT_IP_BYTES));
-    ds_encode_endpoint(request.endpoint, 8080, endpoint, DS_ENDPOINT_IP_BYTES);
-    VIDL_SET_BYTES(entry, ep_addr, DS_SINFO_BIT_EP_ADDR, endpoint, DS_ENDPOINT_IP_BYTES);
+    const std::string instance = instance_text(request.instance);
+    const auto endpoint_bytes = static_cast<std::uint32_t>(DS_ENDPOINT_IP_BYTES + instance.size());
+    auto *endpoint = static_cast<std::uint8_t *>(std::malloc(endpoint_bytes));
+    ds_encode_service_endpoint(request.endpoint, 8080, request.scope, instance.data(),
+                               instance.size(), endpoint, endpoint_bytes);
+    VIDL_SET_BYTES(entry, ep_addr, DS_SINFO_BIT_EP_ADDR, endpoint, endpoint_bytes);
     VIDL_SET(entry, scope, DS_SINFO_BIT_SCOPE, request.scope);
     VIDL_SET(entry, instance, DS_SINFO_BIT_INSTANCE, copy_of(instance_text(request.instance)));
     if (request.ha_role != 0) {

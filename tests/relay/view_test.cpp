@@ -165,6 +165,25 @@ TEST_F(view, tells_only_the_difference_to_a_list) {
     EXPECT_EQ(directory_view.entry_count(), 3u);
 }
 
+TEST_F(view, tells_again_behind_a_list_what_changed_of_services_that_were_known) {
+    Update kept = update_of("kept", 2), moved = update_of("moved", 3);
+    directory_view.put(node_item(1, 10, 10), told);
+    for (const Update &update : {update_of("changed", 1), kept, moved, update_of("gone", 4)})
+        directory_view.put(entry_item(1, update, 11), told);
+    const View::Told before = directory_view.clear();
+    moved.endpoint += "x"; // another service to the directory
+    directory_view.replace({node_item(1, 10, 10), entry_item(1, update_of("changed", 1, 2), 12),
+                            entry_item(1, kept, 11), entry_item(1, moved, 12),
+                            entry_item(1, update_of("new", 5), 12)},
+                           told);
+    told.take();
+
+    directory_view.tell_changes_since(before, told);
+
+    EXPECT_EQ(before.size(), 4u);
+    EXPECT_EQ(told.take(), "modify changed@1 v2");
+}
+
 TEST_F(view, refuses_what_is_out_of_bounds_and_takes_back_what_became_so) {
     directory_view.put(node_item(1, 10, 10), told);
     KeyValue item = entry_item(1, update_of("web", 1), 11);
