@@ -5,6 +5,8 @@
 #include "cli/relay_status.h"
 #include "cli/vocabulary.h"
 
+template class nlohmann::basic_json<nlohmann::ordered_map>;
+
 namespace ds::cli {
 
 void put_time(Json &json, const std::string &key, std::uint64_t wall_ns, std::uint64_t now_ns) {

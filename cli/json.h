@@ -8,6 +8,9 @@
 
 #include "ds.pb.h"
 
+// Instantiated once, in json.cpp, for it is a lot of code.
+extern template class nlohmann::basic_json<nlohmann::ordered_map>;
+
 namespace ds::cli {
 
 using Json = nlohmann::ordered_json;

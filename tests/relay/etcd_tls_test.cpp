@@ -69,6 +69,10 @@ TEST_F(etcd_tls, carries_what_plain_connections_carry) {
 }
 
 TEST_F(etcd_tls, verifies_names_as_well_as_addresses) {
+    boost::system::error_code unknown;
+    asio::ip::tcp::resolver(io).resolve("localhost", "1", unknown);
+    if (unknown) GTEST_SKIP() << "this machine has no address for localhost: " << unknown.message();
+
     EtcdConfig config = config_with(good);
     config.endpoints = {"https://localhost:" + std::to_string(server->port())};
     start(config);
