@@ -30,16 +30,13 @@ Task<void> Session::audit() {
 }
 
 bool Session::is_judged(const std::string &key) const {
-    if (key == node_key_) return false;
-    const auto entry = core_.keys.parse_entry(key);
-    if (entry && core_.is_own(entry->node)) return !core_.own.is_busy(key);
+    if (key == self_.key) return false;
+    if (core_.is_own_entry(key)) return !core_.own.is_busy(key);
     return core_.view.has_place_for(key);
 }
 
 std::int64_t Session::known_revision(const std::string &key) const {
-    const auto entry = core_.keys.parse_entry(key);
-    const bool is_own = entry && core_.is_own(entry->node);
-    return is_own ? core_.own.revision_of(key) : core_.view.revision_of(key);
+    return core_.is_own_entry(key) ? core_.own.revision_of(key) : core_.view.revision_of(key);
 }
 
 // The keys that are not as old here as in the store. What is newer here was written after the store

@@ -84,15 +84,13 @@ Task<void> Session::ensure_lease() {
 
 // True when the key is this connection's; false when it was another's and has changed since.
 Task<bool> Session::try_claim() {
-    const RangeRequest question = {.keys = {node_key_, {}}};
+    const RangeRequest question = {.keys = {self_.key, {}}};
     const RangeReply found =
         decode_range(co_await client_.call("/v3/kv/range", encode_range(question)));
-    Transaction transaction;
-    if (found.items.empty()) {
-        transaction.compares = {{node_key_, Compare::Target::create_revision, 0, {}}};
-    } else {
+    const bool is_free = found.items.empty();
+    NodeInfo holder;
+    if (!is_free) {
         const KeyValue &item = found.items[0];
-        NodeInfo holder;
         const bool is_readable = decode_node(item.value, holder).empty();
         const bool is_successor =
             is_readable && (holder.boot_id == core_.config.boot_id ||
@@ -101,18 +99,16 @@ Task<bool> Session::try_claim() {
             co_await wait_for_free_key(item, found.revision);
             co_return false;
         }
-        transaction.compares = {{node_key_, Compare::Target::mod_revision, item.mod_revision, {}}};
-        if (holder.rack != core_.config.rack) // nobody looks after them any more
-            transaction.on_success.push_back(
-                remove_operation(core_.keys.rack_entries_of(holder.rack, core_.config.node)));
     }
     co_await ensure_lease();
     core_.self.session++; // writes of earlier connections that are still on their way are void
-    node_value_ = encode_node(core_.self);
-    transaction.on_success.push_back(put_operation(node_key_, node_value_, core_.lease));
+    self_.value = encode_node(core_.self);
+    self_.lease = core_.lease;
+    const Transaction transaction =
+        is_free ? etcd::claim(self_) : take_over(core_.keys, self_, found.items[0], holder.rack);
     const TransactionReply reply = co_await transact(transaction);
     if (!reply.succeeded) co_return false;
-    own_create_revision_ = found.items.empty() ? reply.revision : found.items[0].create_revision;
+    own_create_revision_ = is_free ? reply.revision : found.items[0].create_revision;
     co_return true;
 }
 
@@ -129,7 +125,7 @@ Task<void> Session::wait_for_free_key(const KeyValue &item, std::int64_t revisio
         const Duration remaining = co_await remaining_ttl(item.lease);
         core_.give_up_at = Clock::now() + remaining + lease_slack;
     }
-    const KeyRange range = {node_key_, {}};
+    const KeyRange range = {self_.key, {}};
     const auto stream = co_await client_.stream("/v3/watch", encode_watch(range, revision + 1));
     const auto is_over = std::make_shared<bool>(false); // outlives the timer's handler
     asio::steady_timer timer(core_.io, *core_.give_up_at);
@@ -153,7 +149,7 @@ Task<void> Session::wait_for_free_key(const KeyValue &item, std::int64_t revisio
     throw AddressTaken("the node address " + address_text(core_.config.node) +
                        " is used by another daemon, on host '" + holder.host_name +
                        "' with boot id '" + holder.boot_id +
-                       "'; give one of them another address, or remove the key " + node_key_ +
+                       "'; give one of them another address, or remove the key " + self_.key +
                        " if that daemon is gone");
 }
 

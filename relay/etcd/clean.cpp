@@ -21,15 +21,10 @@ Task<void> Session::clean() {
         while (Clock::now() < until) // further deaths cut the wait short, not the pause
             co_await wait(clean_timer_, std::chrono::ceil<Duration>(until - Clock::now()));
         for (const View::Remains &remains : core_.view.remains()) {
-            Transaction transaction;
-            transaction.compares = {
-                {core_.keys.node(remains.node), Compare::Target::create_revision, 0, {}}};
-            for (const KeyRange &range : remains.ranges)
-                transaction.on_success.push_back(remove_operation(range));
-            transaction.on_success.push_back(
-                remove_operation({core_.keys.probe(remains.node), {}}));
+            const Transaction transaction = etcd::clean(core_.keys, remains);
             const TransactionReply reply = co_await transact(transaction);
             if (reply.succeeded) core_.counters.cleanups++;
+            core_.view.removed_remains(remains.node);
         }
         // The deletions come back through the watch.
         co_await probe();

@@ -2,7 +2,6 @@
 
 #include <chrono>
 
-#include "platform/dsr.h"
 #include "relay/etcd/text.h"
 
 namespace ds::relay {
@@ -59,19 +58,15 @@ std::uint64_t now_ns() {
 } // namespace
 
 Core::Core(asio::io_context &io_, EtcdConfig config_, EtcdHooks hooks_)
-    : io(io_), config(std::move(config_)), hooks(std::move(hooks_)),
-      keys(config.cluster, config.rack), self{config.boot_id, config.rack, config.host_name,
-                                              now_ns(), 0},
-      view(keys, {config.name_bytes_max, config.entries_max}, journal), outage_timer(io),
-      retry_timer(io) {
+    : Replica(config_.node, Keys(config_.cluster, config_.rack),
+              {config_.name_bytes_max, config_.entries_max}, hooks_.is_own_period_open),
+      io(io_), config(std::move(config_)),
+      hooks(std::move(hooks_)), self{config.boot_id, config.rack, config.host_name, now_ns(), 0},
+      outage_timer(io), retry_timer(io) {
     if (const std::string problem = check_config(config); !problem.empty()) throw Failure(problem);
     for (const std::string &text : config.endpoints)
         endpoints.push_back(parse_endpoint(text));
     tls = make_tls_context(config);
-}
-
-bool Core::is_own_period_open() const {
-    return hooks.is_own_period_open && hooks.is_own_period_open();
 }
 
 bool Core::learn_epoch(const std::string &value) {
@@ -91,37 +86,7 @@ void Core::deliver(const Listing &listing, std::int64_t own_create_revision) {
     is_outage_timed = false;
     revision = listing.revision;
     counters.sessions++;
-    if (is_reported_connected) {
-        own.replace_known(listing.own, own_create_revision);
-        view.replace(listing.others, *events);
-        give_leftovers();
-        return;
-    }
-    is_reported_connected = true;
-    const View::Told before = view.clear();
-    own.forget_wishes();
-    own.replace_known(listing.own, own_create_revision);
-    events->connected(); // the directory sends what it has: now it is known what is left over
-    view.replace(listing.others, *events);
-    give_leftovers();
-    events->listed();
-    view.tell_changes_since(before, *events);
-}
-
-void Core::give_leftovers() {
-    own.remove_void();
-    for (const KeyValue &item : own.take_leftovers(is_own_period_open())) {
-        const auto parts = keys.parse_entry(item.key);
-        Update update;
-        const std::string problem =
-            parts ? decode_update(*parts, item.value, update) : "key is not of any known form";
-        if (problem.empty()) {
-            events->received(config.node, update.borrowed());
-        } else {
-            journal.refuse(item.key, problem);
-            own.wish(item.key, std::nullopt);
-        }
-    }
+    Replica::deliver(listing, own_create_revision);
 }
 
 void Core::begin_outage() {
@@ -134,9 +99,9 @@ void Core::begin_outage() {
         const auto core = weak.lock();
         if (stopped || core == nullptr || core->events == nullptr) return;
         if (!core->is_outage_timed) return;
-        core->is_outage_timed = core->is_reported_connected = false;
+        core->is_outage_timed = false;
         core->counters.outages++;
-        core->events->disconnected();
+        core->report_outage();
     });
 }
 

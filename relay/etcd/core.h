@@ -14,11 +14,8 @@
 
 #include "relay/etcd/config.h"
 #include "relay/etcd/http.h"
-#include "relay/etcd/journal.h"
-#include "relay/etcd/keys.h"
-#include "relay/etcd/own_entries.h"
 #include "relay/etcd/records.h"
-#include "relay/etcd/view.h"
+#include "relay/etcd/replica.h"
 
 namespace ds::relay::etcd {
 
@@ -41,37 +38,23 @@ struct Counters {
     std::uint64_t cleanups = 0;      // dead nodes whose entries this node removed
 };
 
-// Everything that the store holds for this node, at one revision.
-struct Listing {
-    std::int64_t revision = 0;
-    std::vector<KeyValue> own;    // this node's entries
-    std::vector<KeyValue> others; // nodes and entries of other nodes
-};
-
-struct Core : std::enable_shared_from_this<Core> {
+struct Core : Replica, std::enable_shared_from_this<Core> {
     Core(asio::io_context &io_, EtcdConfig config_, EtcdHooks hooks_);
 
-    // The list was read: tells the directory, and what it left is offered to it.
+    // The list was read: the connection has come as far as it needs to.
     void deliver(const Listing &listing, std::int64_t own_create_revision);
-    // Own entries that nobody wished for, replayed or offered to the directory.
-    void give_leftovers();
     // The connection is gone. The directory is told when the outage lasts.
     void begin_outage();
-    bool is_own_period_open() const;
-    bool is_own(const NodeAddress &address) const { return address == config.node; }
     // True when the store is not the one that was known before.
     bool learn_epoch(const std::string &value);
 
     asio::io_context &io;
     const EtcdConfig config;
     const EtcdHooks hooks;
-    const Keys keys;
     std::vector<Endpoint> endpoints;
     std::shared_ptr<asio::ssl::context> tls;
 
-    Events *events = nullptr; // null before start() and after the end of the engine
     State state = State::stopped;
-    bool is_reported_connected = false;
     bool is_outage_timed = false; // the directory is told when outage_timer expires
     bool is_ending = false;
     std::string fatal;
@@ -86,9 +69,6 @@ struct Core : std::enable_shared_from_this<Core> {
     // When to give up on another daemon's node key.
     std::optional<std::chrono::steady_clock::time_point> give_up_at;
 
-    Journal journal;
-    View view;
-    OwnEntries own;
     Counters counters;
     std::shared_ptr<Session> session; // null while there is no connection
     asio::steady_timer outage_timer;

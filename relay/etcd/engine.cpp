@@ -7,7 +7,6 @@
 #include <boost/asio/detached.hpp>
 #include <boost/asio/use_awaitable.hpp>
 
-#include "platform/dsr.h"
 #include "relay/etcd/core.h"
 #include "relay/etcd/session.h"
 
@@ -134,20 +133,9 @@ void EtcdEngine::start(Events &events) {
     boost::asio::co_spawn(core_->io, run(core_), boost::asio::detached);
 }
 
-int EtcdEngine::send(const dsr_update_t &borrowed) {
+int EtcdEngine::send(const dsr_update_t &update) {
     Core &core = *core_;
-    if (!core.is_reported_connected || core.is_ending) return -1;
-    const Update update = Update::copy_of(borrowed);
-    const std::string key = core.keys.entry(core.config.node, update);
-    if (update.operation == DSR_DELETE) {
-        core.own.wish(key, std::nullopt);
-    } else {
-        if (const std::string problem = etcd::check_update(update); !problem.empty()) {
-            core.journal.refuse(key, "not sent: " + problem);
-            return -1;
-        }
-        core.own.wish(key, etcd::encode_update(update));
-    }
+    if (core.is_ending || core.send(update) != 0) return -1;
     if (core.session) core.session->wake_writer();
     return 0;
 }

@@ -47,6 +47,7 @@ class Keys {
   public:
     Keys(const std::string &cluster, const std::string &rack);
 
+    const std::string &rack() const { return rack_; }
     const std::string &epoch() const { return epoch_; }
     std::string node(const NodeAddress &address) const { return nodes_ + address_text(address); }
     std::string probe(const NodeAddress &address) const { return probe_ + address_text(address); }

@@ -34,10 +34,8 @@ Task<Listing> Session::list() {
     for (const KeyRange &range : {keys.nodes(), keys.rack_entries(), keys.system_entries()})
         co_await read_range(range, false, listing.revision, items);
     for (KeyValue &item : items) {
-        if (item.key == node_key_) continue;
-        const auto entry = keys.parse_entry(item.key);
-        const bool is_own = entry && core_.is_own(entry->node);
-        (is_own ? listing.own : listing.others).push_back(std::move(item));
+        if (item.key == self_.key) continue;
+        (core_.is_own_entry(item.key) ? listing.own : listing.others).push_back(std::move(item));
     }
     co_return listing;
 }

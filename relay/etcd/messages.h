@@ -40,10 +40,6 @@ struct Operation {
     std::int64_t lease = 0; // 0: none
 };
 
-Operation put_operation(std::string key, std::string value, std::int64_t lease = 0);
-Operation remove_operation(KeyRange keys);
-Operation range_operation(std::string key);
-
 struct Transaction {
     std::vector<Compare> compares; // all have to hold
     std::vector<Operation> on_success;

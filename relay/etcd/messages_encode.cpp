@@ -109,18 +109,6 @@ void write_operation(std::string &out, const Operation &operation) {
 
 } // namespace
 
-Operation put_operation(std::string key, std::string value, std::int64_t lease) {
-    return {Operation::Kind::put, {std::move(key), {}}, std::move(value), lease};
-}
-
-Operation remove_operation(KeyRange keys) {
-    return {Operation::Kind::remove, std::move(keys), {}, 0};
-}
-
-Operation range_operation(std::string key) {
-    return {Operation::Kind::range, {std::move(key), {}}, {}, 0};
-}
-
 std::string encode_range(const RangeRequest &request) {
     std::string out;
     write_range(out, request);

@@ -1,5 +1,6 @@
 #include "relay/etcd/own_entries.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace ds::relay::etcd {
@@ -61,6 +62,7 @@ void OwnEntries::replace_known(const std::vector<KeyValue> &items, std::int64_t 
     std::vector<std::string> wished;
     for (const auto &[key, wish] : wishes_)
         wished.push_back(key);
+    std::ranges::sort(wished); // no matter how the table is laid out
     for (const std::string &key : wished)
         mark_unless_fulfilled(key);
 }

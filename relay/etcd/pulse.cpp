@@ -33,7 +33,7 @@ Task<void> Session::probe() {
     const auto sent = Clock::now();
     const std::uint64_t number = ++probes_sent_;
     const Transaction transaction =
-        fenced({put_operation(core_.keys.probe(core_.config.node), std::to_string(number))});
+        fenced(self_, {put_operation(core_.keys.probe(core_.config.node), std::to_string(number))});
     const TransactionReply reply = co_await transact(transaction);
     if (!reply.succeeded) {
         core_.counters.fenced++;

@@ -11,9 +11,9 @@ namespace ds::relay::etcd {
 Session::Session(Core &core, const Endpoint &endpoint)
     : core_(core),
       client_(core.io, endpoint, core.tls, core.config.connect_deadline, core.config.call_deadline),
-      node_key_(core.keys.node(core.config.node)), changed_(core.io), writable_(core.io),
-      written_(core.io), watching_(core.io), pulse_timer_(core.io), audit_timer_(core.io),
-      clean_timer_(core.io) {}
+      self_{core.config.node, core.config.rack, core.keys.node(core.config.node), {}, 0},
+      changed_(core.io), writable_(core.io), written_(core.io), watching_(core.io),
+      pulse_timer_(core.io), audit_timer_(core.io), clean_timer_(core.io) {}
 
 void Session::fail(const std::string &reason) {
     if (!failure_.empty()) return;
@@ -66,14 +66,6 @@ Task<TransactionReply> Session::transact(const Transaction &transaction) {
         co_await client_.call("/v3/kv/txn", encode_transaction(transaction)));
 }
 
-// Only for as long as the node key is the one that this connection wrote.
-Transaction Session::fenced(std::vector<Operation> operations) const {
-    Transaction transaction;
-    transaction.compares = {{node_key_, Compare::Target::value, 0, node_value_}};
-    transaction.on_success = std::move(operations);
-    return transaction;
-}
-
 Duration Session::jittered(Duration most) {
     static std::minstd_rand generator{std::random_device{}()};
     return Duration(
@@ -89,12 +81,7 @@ Task<void> Session::farewell(bool keep_published) {
         co_await keep_alive(); // the successor has the whole TTL
     } else {
         // What is still waiting need not be written, and what is under way is void from here on.
-        const Keys &keys = core_.keys;
-        const NodeAddress &node = core_.config.node;
-        const Transaction transaction =
-            fenced({remove_operation(keys.system_entries_of(node)),
-                    remove_operation(keys.rack_entries_of(core_.config.rack, node)),
-                    remove_operation({keys.probe(node), {}}), remove_operation({node_key_, {}})});
+        const Transaction transaction = withdraw(core_.keys, self_);
         co_await transact(transaction);
         co_await client_.call("/v3/lease/revoke", encode_lease(core_.lease));
         core_.lease = 0;

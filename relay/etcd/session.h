@@ -18,6 +18,7 @@
 #include "relay/etcd/core.h"
 #include "relay/etcd/http.h"
 #include "relay/etcd/messages.h"
+#include "relay/etcd/transactions.h"
 
 namespace ds::relay::etcd {
 
@@ -58,7 +59,6 @@ class Session : public std::enable_shared_from_this<Session> {
     void spawn(Task<void> task);
     Task<void> wait(Signal &signal, Duration most);
     Task<TransactionReply> transact(const Transaction &transaction);
-    Transaction fenced(std::vector<Operation> operations) const;
     Duration jittered(Duration most);
 
     // ---- claim.cpp ----
@@ -103,7 +103,7 @@ class Session : public std::enable_shared_from_this<Session> {
 
     Core &core_;
     Client client_;
-    std::string node_key_, node_value_;
+    Membership self_;
     std::int64_t own_create_revision_ = 0;
     Clock::time_point renewed_; // the lease, as far as known
 

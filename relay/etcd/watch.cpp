@@ -51,26 +51,20 @@ void Session::take(const WatchEvent &event) {
             waiter->cancel();
         return;
     }
-    if (item.key == node_key_) return take_own_node(event);
-    if (const auto entry = keys.parse_entry(item.key); entry && core_.is_own(entry->node))
-        return take_own_entry(event);
-    if (event.is_deletion)
-        core_.view.remove(item.key, item.mod_revision, *core_.events);
-    else
-        core_.view.put(item, *core_.events);
+    if (item.key == self_.key) return take_own_node(event);
+    if (core_.is_own_entry(item.key)) return take_own_entry(event);
+    core_.take_other(event);
 }
 
 void Session::take_own_node(const WatchEvent &event) {
     if (is_leaving_) return;
     if (event.is_deletion) throw Failure("this node's key has gone from the store");
-    if (event.item.value != node_value_) throw Failure("this node's key was changed by another");
+    if (event.item.value != self_.value) throw Failure("this node's key was changed by another");
 }
 
 // What this node wrote comes back: it is no news, but it tells how long the way took.
 void Session::take_own_entry(const WatchEvent &event) {
-    const OwnEntries::Value value =
-        event.is_deletion ? OwnEntries::Value() : OwnEntries::Value(event.item.value);
-    const OwnEntries::Seen seen = core_.own.saw(event.item.key, value, event.item.mod_revision);
+    const OwnEntries::Seen seen = core_.take_own(event);
     if (seen.sent) core_.journal.echo(Clock::now() - *seen.sent);
     if (!seen.is_foreign) {
         core_.counters.echoes++;

@@ -29,11 +29,7 @@ Task<void> Session::write() {
 }
 
 Task<void> Session::write_batch(OwnEntries::Batch batch) {
-    std::vector<Operation> operations;
-    for (const OwnEntries::Write &write : batch.writes)
-        operations.push_back(write.value ? put_operation(write.key, *write.value)
-                                         : remove_operation({write.key, {}}));
-    const Transaction transaction = fenced(std::move(operations));
+    const Transaction transaction = etcd::write(self_, batch);
     const TransactionReply reply = co_await transact(transaction);
     writes_under_way_--;
     if (!reply.succeeded) {

@@ -1,5 +1,6 @@
 // What etcd does that the engine has to live with. Where one of these tests fails, the engine's
 // design has lost its ground.
+#include "relay/etcd/transactions.h"
 #include "tests/relay/etcd_fixture.h"
 
 using namespace relay_test;

@@ -2,6 +2,8 @@
 
 #include <random>
 
+#include "relay/etcd/transactions.h"
+
 namespace relay_test {
 
 using namespace ds::relay;

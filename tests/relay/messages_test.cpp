@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "relay/etcd/messages.h"
+#include "relay/etcd/transactions.h"
 
 using namespace ds::relay::etcd;
 
