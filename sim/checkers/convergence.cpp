@@ -2,6 +2,7 @@
 #include <tuple>
 
 #include "platform/dsr.h"
+#include "relay/etcd/records.h"
 #include "sim/checkers/checkers.h"
 #include "sim/checkers/text.h"
 #include "sim/world/names.h"
@@ -70,10 +71,16 @@ std::string find_wrong_entry(World &world, const Names &truth) {
     for (const auto &[name, instances] : truth)
         for (Instance instance : instances)
             if (instance.scope != DS_SCOPE_LOCAL) wanted[name].push_back(instance);
-    for (const auto &[key, entry] : world.store().entries()) {
-        const relay::Update &update = *entry.update;
+    const etcd::Keys keys = keys_in(0);
+    for (const etcd::KeyValue &item : world.store().range(etcd::range_of("/"))) {
+        const auto key = keys.parse_entry(item.key);
+        if (!key) continue;
+        relay::Update update;
+        if (const std::string problem = etcd::decode_update(*key, item.value, update);
+            !problem.empty())
+            return item.key + ": " + problem;
         Instance instance;
-        instance.node = key.node;
+        instance.node = node_of(key->node);
         instance.pid = update.pid;
         instance.instance = number_in(update.instance.value_or(""));
         instance.scope = update.scope;

@@ -1,6 +1,6 @@
-// One life of a node's replication engine, behind the seam that the real ones stand behind. It
-// keeps what the seam promises and no more: changes of different services and of nodes arrive in
-// any order, a change may come twice, a short interruption is not reported.
+// One life of a node's replication engine: the rules of the one on etcd (relay/etcd/replica,
+// relay/etcd/transactions) on simulated connections. Changes of different keys arrive in any order,
+// a change may be reported twice, a short interruption is not reported.
 //
 //   attempt -> claim -> list -> deliver -> follow -> (lost) -> attempt ...
 #pragma once
@@ -8,12 +8,13 @@
 #include <cstdint>
 #include <functional>
 
-#include "relay/engine.h"
+#include "relay/etcd/replica.h"
+#include "relay/etcd/transactions.h"
 #include "sim/base/random.h"
+#include "sim/relay/addresses.h"
 #include "sim/relay/network.h"
-#include "sim/relay/own_entries.h"
+#include "sim/relay/reports.h"
 #include "sim/relay/store.h"
-#include "sim/relay/view.h"
 
 namespace ds::sim {
 
@@ -62,10 +63,9 @@ class SimEngine final : public relay::Engine, private Follower {
 
     bool is_connected() const { return is_following_; }
     Time connected_at() const { return connected_at_; } // of this connection
-    bool is_reported_connected() const { return is_reported_connected_; }
 
   private:
-    using Batch = std::vector<Store::Write>;
+    using Answer = std::function<void(const etcd::TransactionReply &)>;
 
     static constexpr std::size_t streams = 6;
 
@@ -75,36 +75,40 @@ class SimEngine final : public relay::Engine, private Follower {
     Time delay();
     void attempt();
     void attempt_later();
-    void deliver(const Store::Listing &listing);
-    void take(const ChangePtr &change);
-    void give_leftovers();
+    bool claim();
+    void list();
+    void deliver(const etcd::Listing &listing);
+    void take(const etcd::WatchEvent &event);
     void audit_later();
+    void clean_later();
+    void clean();
     void begin_outage();
     void keep_alive();
     void wake_writer();
     void write();
-    void transmit(Time arrival, const std::shared_ptr<const Batch> &batch);
-    bool has_flaw(Flaw flaw);
+    void transmit(Time arrival, const std::shared_ptr<const etcd::Transaction> &transaction,
+                  Answer answer);
+    etcd::OwnEntries::Clock::time_point now() const;
 
     Parts parts_;
     Identity identity_;
     EngineHost &host_;
     Random random_;
     Random flaws_;
-    relay::Events *events_ = nullptr;
     std::shared_ptr<bool> is_alive_ = std::make_shared<bool>(true);
     std::uint64_t session_ = 0; // serial of the connection or attempt
     bool is_following_ = false;
     Time connected_at_ = 0;
-    bool is_reported_connected_ = false;
     std::uint64_t outage_ = 0; // serial of the interruption that is being timed; 0: none
     std::uint64_t outages_ = 0;
     bool is_writer_awake_ = false;
-    std::uint64_t epoch_ = 0;
+    bool is_cleaning_ = false;
     Time retry_delay_ = 0;
     std::array<Time, streams> arrivals_{}; // of the newest change in each stream
-    View view_;
-    OwnEntries own_;
+    etcd::Membership self_;
+    std::int64_t own_create_revision_ = 0;
+    Reports reports_;
+    etcd::Replica replica_;
 };
 
 } // namespace ds::sim

@@ -1,175 +1,165 @@
 #include "sim/relay/store.h"
 
+#include <algorithm>
 #include <utility>
-
-#include "platform/dsr.h"
 
 namespace ds::sim {
 
 namespace {
 
-constexpr Time cleanup_delay = 2 * second;
+bool is_in(const etcd::KeyRange &keys, const std::string &key) {
+    return keys.end.empty() ? key == keys.begin : key >= keys.begin && key < keys.end;
+}
 
-bool sees(int node, int rack, const EntryKey &key) {
-    return key.node != node && (key.rack < 0 || key.rack == rack);
+std::uint64_t label_of(const std::string &key) {
+    std::uint64_t hash = 14695981039346656037u;
+    for (const char c : key)
+        hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211u;
+    return hash;
 }
 
 } // namespace
 
-EntryKey EntryKey::of(int node, int rack, const relay::Update &update) {
-    EntryKey key = {node, update.scope == DSR_SCOPE_RACK ? rack : -1, update.service_id,
-                    update.name};
-    if (update.instance) key.service.append(1, ';').append(*update.instance);
-    return key;
+// ---- questions ----
+
+const etcd::KeyValue *Store::find(const std::string &key) const {
+    const auto found = items_.find(key);
+    return found != items_.end() ? &found->second : nullptr;
 }
 
-// ---- nodes ----
+std::vector<etcd::KeyValue> Store::range(const etcd::KeyRange &keys) const {
+    std::vector<etcd::KeyValue> found;
+    for (auto item = items_.lower_bound(keys.begin);
+         item != items_.end() && is_in(keys, item->first); ++item)
+        found.push_back(item->second);
+    return found;
+}
 
-bool Store::claim(int node, int rack, std::uint64_t boot, std::uint64_t predecessor,
-                  std::uint64_t session) {
-    const auto found = nodes_.find(node);
-    if (found != nodes_.end() && found->second.boot != boot && found->second.boot != predecessor)
-        return false;
-    revision_++;
-    NodeKey &key = nodes_[node];
-    if (found == nodes_.end()) key.created = revision_;
-    key.boot = boot;
-    key.session = session;
-    key.rack = rack;
-    key.written = revision_;
-    key.lease_ends = clock_.now + ttl;
-    died_.erase(node);
-    trace_.add("store: claimed", static_cast<std::uint64_t>(node), boot, session);
-    Change change;
-    change.is_node = true;
-    change.key.node = node;
-    change.node_key = key;
-    tell(std::move(change));
+// ---- transactions ----
+
+bool Store::holds(const etcd::Compare &compare) const {
+    const etcd::KeyValue *item = find(compare.key);
+    switch (compare.target) {
+    case etcd::Compare::Target::create_revision:
+        return (item != nullptr ? item->create_revision : 0) == compare.revision;
+    case etcd::Compare::Target::mod_revision:
+        return (item != nullptr ? item->mod_revision : 0) == compare.revision;
+    case etcd::Compare::Target::value:
+        return item != nullptr && item->value == compare.value;
+    }
+    return false;
+}
+
+etcd::TransactionReply Store::transact(const etcd::Transaction &transaction) {
+    etcd::TransactionReply reply;
+    reply.succeeded =
+        std::ranges::all_of(transaction.compares, [&](const etcd::Compare &c) { return holds(c); });
+    bool is_changed = false;
+    for (const etcd::Operation &operation :
+         reply.succeeded ? transaction.on_success : transaction.on_failure) {
+        if (operation.kind == etcd::Operation::Kind::put)
+            put(operation, revision_ + 1), is_changed = true;
+        else if (operation.kind == etcd::Operation::Kind::remove)
+            is_changed = remove(operation.keys, revision_ + 1) || is_changed;
+    }
+    revision_ += is_changed ? 1 : 0;
+    reply.revision = revision_;
+    return reply;
+}
+
+void Store::put(const etcd::Operation &operation, std::int64_t revision) {
+    etcd::KeyValue &item = items_[operation.keys.begin];
+    if (item.mod_revision == 0) {
+        item.key = operation.keys.begin;
+        item.create_revision = revision;
+    }
+    item.value = operation.value;
+    item.lease = operation.lease;
+    item.mod_revision = revision;
+    tell({false, item});
+}
+
+bool Store::remove(const etcd::KeyRange &keys, std::int64_t revision) {
+    bool is_changed = false;
+    for (auto item = items_.lower_bound(keys.begin);
+         item != items_.end() && is_in(keys, item->first); is_changed = true)
+        item = remove(item, revision);
+    return is_changed;
+}
+
+Store::Items::iterator Store::remove(Items::iterator item, std::int64_t revision) {
+    etcd::WatchEvent event;
+    event.is_deletion = true;
+    event.item.key = item->first;
+    event.item.mod_revision = revision;
+    tell(std::move(event));
+    return items_.erase(item);
+}
+
+// ---- leases ----
+
+std::int64_t Store::grant_lease() {
+    leases_[++last_lease_] = clock_.now + ttl;
+    return last_lease_;
+}
+
+bool Store::keep_alive(std::int64_t lease) {
+    const auto found = leases_.find(lease);
+    if (found == leases_.end()) return false;
+    found->second = clock_.now + ttl;
     return true;
-}
-
-bool Store::keep_alive(int node, std::uint64_t session) {
-    const auto found = nodes_.find(node);
-    if (found == nodes_.end() || found->second.session != session) return false;
-    found->second.lease_ends = clock_.now + ttl;
-    return true;
-}
-
-void Store::remove_node(int node) {
-    nodes_.erase(node);
-    revision_++;
-    died_[node] = clock_.now;
-    trace_.add("store: node gone", static_cast<std::uint64_t>(node));
-    Change change;
-    change.is_node = change.is_gone = true;
-    change.key.node = node;
-    tell(std::move(change));
-}
-
-void Store::withdraw(int node, std::uint64_t session) {
-    const auto found = nodes_.find(node);
-    if (found == nodes_.end() || found->second.session != session) return;
-    remove_entries_of(node);
-    remove_node(node);
-    died_.erase(node);
 }
 
 void Store::tick() {
-    std::vector<int> ended;
-    for (const auto &[node, key] : nodes_)
-        if (key.lease_ends <= clock_.now) ended.push_back(node);
-    for (const int node : ended)
-        remove_node(node);
-    // A survivor removes what the dead leave.
-    std::vector<int> left;
-    for (const auto &[node, since] : died_)
-        if (!nodes_.empty() && since + cleanup_delay <= clock_.now) left.push_back(node);
-    for (const int node : left) {
-        remove_entries_of(node);
-        died_.erase(node);
+    for (auto next = leases_.begin(); next != leases_.end();) {
+        const auto [lease, end] = *next;
+        if (end > clock_.now) {
+            ++next;
+            continue;
+        }
+        trace_.add("store: lease is over", static_cast<std::uint64_t>(lease));
+        next = leases_.erase(next);
+        revision_++;
+        for (auto item = items_.begin(); item != items_.end();)
+            item = item->second.lease == lease ? remove(item, revision_) : std::next(item);
     }
 }
 
 void Store::renew_leases() {
-    for (auto &[node, key] : nodes_)
-        key.lease_ends = clock_.now + ttl;
+    for (auto &[lease, end] : leases_)
+        end = clock_.now + ttl;
 }
 
 void Store::wipe() {
     trace_.add("store: wiped");
-    nodes_.clear();
-    entries_.clear();
-    died_.clear();
+    items_.clear();
+    leases_.clear();
     followers_.clear();
-    revision_ = 0;
-    epoch_++;
-}
-
-// ---- entries ----
-
-Revision Store::commit(int node, std::uint64_t session, const std::vector<Write> &writes) {
-    const auto key = nodes_.find(node);
-    if (key == nodes_.end() || key->second.session != session) return 0;
-    revision_++;
-    for (const Write &write : writes) {
-        if (write.update) {
-            entries_[write.key] = {write.update, revision_};
-        } else if (entries_.erase(write.key) == 0) {
-            continue;
-        }
-        trace_.add("store: entry", static_cast<std::uint64_t>(node), write.key.service_id,
-                   write.update != nullptr ? write.update->version : 0, write.update != nullptr);
-        Change change;
-        change.key = write.key;
-        change.update = write.update;
-        change.is_gone = write.update == nullptr;
-        tell(std::move(change));
-    }
-    return revision_;
-}
-
-void Store::remove_entries_of(int node) {
-    revision_++;
-    for (auto next = entries_.begin(); next != entries_.end();) {
-        const auto entry = next++;
-        if (entry->first.node != node) continue;
-        Change change;
-        change.key = entry->first;
-        change.is_gone = true;
-        entries_.erase(entry);
-        tell(std::move(change));
-    }
+    revision_ = 1;
 }
 
 // ---- followers ----
 
-Store::Listing Store::list(int node, int rack, Follower &follower) {
-    Listing listing;
-    listing.revision = revision_;
-    listing.epoch = epoch_;
-    for (const auto &[other, key] : nodes_)
-        if (other == node)
-            listing.own_created = key.created;
-        else
-            listing.nodes[other] = key;
-    for (const auto &[key, entry] : entries_)
-        if (key.node == node || sees(node, rack, key)) listing.entries[key] = entry;
-    followers_.push_back({&follower, node, rack});
-    return listing;
+void Store::follow(Follower &follower, std::vector<etcd::KeyRange> ranges) {
+    followers_.push_back({&follower, std::move(ranges)});
 }
 
 void Store::unfollow(const Follower &follower) {
     std::erase_if(followers_, [&](const Following &f) { return f.follower == &follower; });
 }
 
-// The way to each node begins here; a node is not told of its own entries.
-void Store::tell(Change change) {
-    change.revision = revision_;
-    const auto shared = std::make_shared<const Change>(std::move(change));
-    for (const Following &f : followers_) {
-        const bool is_for_it = shared->is_node || sees(f.node, f.rack, shared->key);
-        if (is_for_it) f.follower->on_change(shared);
-    }
+// The way to each node begins here.
+void Store::tell(etcd::WatchEvent event) {
+    auto change = std::make_shared<Change>();
+    change->event = std::move(event);
+    const etcd::KeyValue &item = change->event.item;
+    change->label = label_of(item.key);
+    trace_.add("store: tells", change->label, static_cast<std::uint64_t>(item.mod_revision),
+               item.value.size(), change->event.is_deletion);
+    if (trace_.has_sink()) trace_.note("  " + item.key);
+    for (const Following &f : followers_)
+        if (std::ranges::any_of(f.ranges, [&](const auto &keys) { return is_in(keys, item.key); }))
+            f.follower->on_change(change);
 }
 
 } // namespace ds::sim

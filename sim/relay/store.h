@@ -1,53 +1,27 @@
-// The store that the nodes share: who is alive, what each node has published, in revisions.
+// The store that the nodes share: keys and values in revisions, leases on which keys live, and
+// transactions that are done as a whole or not at all.
 //
-// A node's key lives as long as its daemon renews the lease on it. Entries stay until they are
-// removed; they count only when they were written under the node key that stands. The store tells
-// each follower what changes, at once; the way to the node takes its time elsewhere.
+// It tells each follower at once what changes; the way to the node takes its time elsewhere.
 #pragma once
-#include <compare>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "relay/update.h"
+#include "relay/etcd/messages.h"
 #include "sim/base/queue.h"
-#include "sim/base/settings.h"
 #include "sim/base/trace.h"
 
 namespace ds::sim {
 
-using Revision = std::int64_t;
-using UpdatePtr = std::shared_ptr<const relay::Update>; // null: no entry
+namespace etcd = relay::etcd;
 
-struct EntryKey {
-    int node = 0;
-    int rack = -1; // of its node, for scope rack; -1: every rack
-    std::uint32_t service_id = 0;
-    std::string service; // name, and ";" with the instance if there is one
-
-    auto operator<=>(const EntryKey &) const = default;
-
-    static EntryKey of(int node, int rack, const relay::Update &update);
-};
-
-struct NodeKey {
-    std::uint64_t boot = 0;    // the daemon's life
-    std::uint64_t session = 0; // the connection that wrote it: writes of others are void
-    int rack = 0;
-    Revision created = 0;
-    Revision written = 0;
-    Time lease_ends = 0;
-};
-
+// Shared by all who are told of it.
 struct Change {
-    bool is_node = false;
-    EntryKey key;     // of a node's key: only the node
-    NodeKey node_key; // of a node that comes
-    UpdatePtr update; // null: the entry goes
-    bool is_gone = false;
-    Revision revision = 0;
+    etcd::WatchEvent event;
+    std::uint64_t label = 0; // of the key
 };
 using ChangePtr = std::shared_ptr<const Change>;
 
@@ -61,65 +35,49 @@ class Follower {
 
 class Store {
   public:
-    struct Entry {
-        UpdatePtr update;
-        Revision written = 0;
-    };
-    struct Write {
-        EntryKey key;
-        UpdatePtr update; // null: remove
-    };
-    struct Listing {
-        Revision revision = 0;
-        Revision own_created = 0;
-        std::uint64_t epoch = 0;
-        std::map<int, NodeKey> nodes; // the others
-        std::map<EntryKey, Entry> entries;
-    };
-
     static constexpr Time ttl = 10 * second;
 
     Store(const Clock &clock, Trace &trace) : clock_(clock), trace_(trace) {}
 
-    // False while another daemon's key stands.
-    bool claim(int node, int rack, std::uint64_t boot, std::uint64_t predecessor,
-               std::uint64_t session);
-    // What a node of that rack may see; from here on the follower is told of changes.
-    Listing list(int node, int rack, Follower &follower);
-    void unfollow(const Follower &follower);
-    // The revision; 0 when the node key is not that session's.
-    Revision commit(int node, std::uint64_t session, const std::vector<Write> &writes);
-    bool keep_alive(int node, std::uint64_t session);
-    // A planned end: the node's key and entries go.
-    void withdraw(int node, std::uint64_t session);
+    std::int64_t revision() const { return revision_; }
+    const etcd::KeyValue *find(const std::string &key) const; // null: not there
+    std::vector<etcd::KeyValue> range(const etcd::KeyRange &keys) const;
+    etcd::TransactionReply transact(const etcd::Transaction &transaction);
 
-    // Leases that have ended, leftovers of dead nodes.
+    // Each gives the lease its whole time; false: it is over.
+    std::int64_t grant_lease();
+    bool keep_alive(std::int64_t lease);
+
+    // From here on it is told of changes in these ranges.
+    void follow(Follower &follower, std::vector<etcd::KeyRange> ranges);
+    void unfollow(const Follower &follower);
+
+    // Ends leases whose time is over, and the keys with them.
     void tick();
     // After an outage of the store every lease has its whole time again.
     void renew_leases();
     // Everything is gone, another store stands in its place.
     void wipe();
 
-    const std::map<EntryKey, Entry> &entries() const { return entries_; }
-    const std::map<int, NodeKey> &nodes() const { return nodes_; }
-
   private:
-    void tell(Change change);
-    void remove_node(int node);
-    void remove_entries_of(int node);
+    using Items = std::map<std::string, etcd::KeyValue>;
+    struct Following {
+        Follower *follower;
+        std::vector<etcd::KeyRange> ranges;
+    };
+
+    bool holds(const etcd::Compare &compare) const;
+    void put(const etcd::Operation &operation, std::int64_t revision);
+    bool remove(const etcd::KeyRange &keys, std::int64_t revision);
+    Items::iterator remove(Items::iterator item, std::int64_t revision);
+    void tell(etcd::WatchEvent event);
 
     const Clock &clock_;
     Trace &trace_;
-    Revision revision_ = 0;
-    std::uint64_t epoch_ = 1;
-    std::map<int, NodeKey> nodes_;
-    std::map<EntryKey, Entry> entries_;
-    std::map<int, Time> died_; // without a key since
-    struct Following {
-        Follower *follower;
-        int node;
-        int rack;
-    };
+    std::int64_t revision_ = 1;
+    Items items_;
+    std::map<std::int64_t, Time> leases_; // their ends
+    std::int64_t last_lease_ = 0;         // never given twice, also by different stores
     std::vector<Following> followers_;
 };
 

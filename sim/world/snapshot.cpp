@@ -4,7 +4,8 @@
 
 #include "host/records.h"
 #include "platform_default/platform_default.h"
-#include "sim/relay/view.h"
+#include "sim/base/queue.h"
+#include "sim/relay/addresses.h"
 #include "sim/world/names.h"
 
 namespace ds::sim {
