@@ -19,6 +19,7 @@ enum class Flaw {
     host_loses_notification, // one marked registration in many is not served
     host_shows_old_snapshot, // one snapshot in many is the one before it
     host_drops_service,      // one snapshot in many lacks an instance
+    host_settles_early,      // snapshots never say that a restart period is open
     host_keeps_departed,     // a client's end is not told to the directory
     host_leaks,              // one publish info in many is never given back
     library_loses_link,      // a link of a list is cut

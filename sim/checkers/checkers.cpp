@@ -12,9 +12,6 @@ constexpr std::uint32_t records_walked_always = 64;
 
 } // namespace
 
-void Checkers::daemon_started(Daemon &) {}
-void Checkers::daemon_ended(Daemon &) {}
-
 void Checkers::machine_halted(int node) {
     world_.clock().after(death_noticed_after, nobody,
                          [this, node, halted_at = world_.machine(node).halted_at] {
@@ -37,7 +34,9 @@ void Checkers::after_turn(Daemon &daemon) {
 
 void Checkers::on_snapshot(Daemon &daemon, const Snapshot &snapshot) {
     if (std::string found = find_discontinuity(daemon, snapshot); !found.empty())
-        world_.fail("continuity", found);
+        return world_.fail("continuity", found);
+    if (std::string found = find_remote_gap(daemon, snapshot, world_.clock().now); !found.empty())
+        world_.fail("remote", found);
 }
 
 void Checkers::on_told(const Client &client, const Snapshot &snapshot, const Client::Watch &watch) {

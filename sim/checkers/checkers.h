@@ -18,8 +18,6 @@ class Checkers {
   public:
     explicit Checkers(World &world) : world_(world) {}
 
-    void daemon_started(Daemon &daemon);
-    void daemon_ended(Daemon &daemon);
     void machine_halted(int node);
     // The daemon is entered.
     void after_turn(Daemon &daemon);
@@ -46,6 +44,11 @@ std::string find_stale_placeholder(const ds_db_t *db);
 // The snapshot shows exactly those services of this node that clients have published and neither
 // withdrawn nor left. continuity.cpp
 std::string find_discontinuity(const Daemon &daemon, const Snapshot &snapshot);
+
+// While the relay is there, and for as long as a restart period lasts when it is away, the snapshot
+// shows every service of other nodes that the engine has told and not taken back; and nothing is
+// said to be settled before it has told anything. remote.cpp
+std::string find_remote_gap(const Daemon &daemon, const Snapshot &snapshot, Time now);
 
 // Every daemon shows what the living clients publish, within its scope, and nothing else; the store
 // holds what is of scope rack and system. convergence.cpp

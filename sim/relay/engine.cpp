@@ -138,7 +138,10 @@ void SimEngine::deliver(const etcd::Listing &listing) {
     connected_at_ = parts_.clock.now;
     parts_.trace.add("engine: list", number(identity_.node),
                      listing.own.size() + listing.others.size(), replica_.is_reported_connected);
-    host_.turn([&] { replica_.deliver(listing, own_create_revision_); });
+    host_.turn([&] {
+        has_listed_ = true;
+        replica_.deliver(listing, own_create_revision_);
+    });
     wake_writer();
     keep_alive();
     audit_later();

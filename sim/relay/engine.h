@@ -62,6 +62,9 @@ class SimEngine final : public relay::Engine, private Follower {
     void withdraw();
 
     bool is_connected() const { return is_following_; }
+    bool is_reported_connected() const { return replica_.is_reported_connected; }
+    bool has_listed() const { return has_listed_; } // ever
+    const std::map<Reports::Key, Reports::Told> &told() const { return reports_.told(); }
     Time connected_at() const { return connected_at_; } // of this connection
 
   private:
@@ -98,6 +101,7 @@ class SimEngine final : public relay::Engine, private Follower {
     std::shared_ptr<bool> is_alive_ = std::make_shared<bool>(true);
     std::uint64_t session_ = 0; // serial of the connection or attempt
     bool is_following_ = false;
+    bool has_listed_ = false;
     Time connected_at_ = 0;
     std::uint64_t outage_ = 0; // serial of the interruption that is being timed; 0: none
     std::uint64_t outages_ = 0;

@@ -24,6 +24,7 @@ const std::map<std::string, Flaw> &flaws() {
         {"host-loses-notification", Flaw::host_loses_notification},
         {"host-shows-old-snapshot", Flaw::host_shows_old_snapshot},
         {"host-drops-service", Flaw::host_drops_service},
+        {"host-settles-early", Flaw::host_settles_early},
         {"host-keeps-departed", Flaw::host_keeps_departed},
         {"host-leaks", Flaw::host_leaks},
         {"library-loses-link", Flaw::library_loses_link},

@@ -30,6 +30,8 @@ constexpr Expectation expectations[] = {
     {Flaw::host_loses_notification, "steady", Ending::wrong, "newest"},
     {Flaw::host_shows_old_snapshot, "steady", Ending::wrong, "version"},
     {Flaw::host_drops_service, "steady", Ending::wrong, "continuity"},
+    {Flaw::host_drops_service, "steady", Ending::wrong, "remote"},
+    {Flaw::host_settles_early, "everything", Ending::wrong, "remote"},
     {Flaw::host_keeps_departed, "steady", Ending::wrong, "convergence"},
     {Flaw::host_leaks, "steady", Ending::wrong, "memory"},
     {Flaw::library_loses_link, "steady", Ending::wrong, "structure"},

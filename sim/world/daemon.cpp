@@ -411,15 +411,21 @@ SnapshotPtr Daemon::snapshot_for(Registration &registration) {
     changes_encoded_ = records_.changes();
     SnapshotPtr &snapshot = snapshots_[registration.record->selem];
     if (!snapshot) {
-        snapshot = snapshot_of(registration.record->selem);
-        if (!snapshot->instances.empty() && has_flaw(Flaw::host_drops_service, 20)) {
-            auto lacking = std::make_shared<Snapshot>(*snapshot);
-            lacking->instances.pop_back();
-            snapshot = std::move(lacking);
-        }
+        snapshot = flawed(snapshot_of(registration.record->selem));
         world_.checkers().on_snapshot(*this, *snapshot);
     }
     return snapshot;
+}
+
+// As it is, or broken on purpose.
+SnapshotPtr Daemon::flawed(SnapshotPtr snapshot) {
+    const bool drops = !snapshot->instances.empty() && has_flaw(Flaw::host_drops_service, 20);
+    const bool settles = has_flaw(Flaw::host_settles_early, 1000);
+    if (!drops && !settles) return snapshot;
+    auto broken = std::make_shared<Snapshot>(*snapshot);
+    if (drops) broken->instances.pop_back();
+    if (settles) broken->is_reconciling = false;
+    return broken;
 }
 
 void Daemon::tell(Registration &registration) {

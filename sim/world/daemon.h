@@ -68,6 +68,7 @@ class Daemon final : public EngineHost {
     void turn(const std::function<void()> &function) override;
     bool is_own_period_open() const override;
     SimEngine &engine() { return engine_; }
+    const SimEngine &engine() const { return engine_; }
 
     // ---- what checkers look at ----
 
@@ -77,6 +78,7 @@ class Daemon final : public EngineHost {
     const std::map<std::uint32_t, std::vector<Published>> &published() const { return published_; }
     host::Records &records() { return records_; }
     PlatformHost &platform() { return platform_; }
+    const PlatformHost &platform() const { return platform_; }
     // Runs a function that only looks.
     void look(const std::function<void()> &function);
     bool is_any_period_open();
@@ -121,6 +123,7 @@ class Daemon final : public EngineHost {
     void flush();
     void tell(Registration &registration);
     SnapshotPtr snapshot_for(Registration &registration);
+    SnapshotPtr flawed(SnapshotPtr snapshot);
     void mark_reconciled();
     void free_database();
     bool has_flaw(Flaw flaw, std::uint32_t per_mille);

@@ -118,7 +118,6 @@ void World::start_daemon(int node) {
     trace_.add("daemon: starts", static_cast<std::uint64_t>(node), life.boot, life.pid,
                life.predecessor);
     there.daemon = std::make_unique<Daemon>(*this, life, there.published);
-    checkers_.daemon_started(*there.daemon);
 }
 
 void World::end_daemon(int node, bool is_known_to_next) {
@@ -127,7 +126,6 @@ void World::end_daemon(int node, bool is_known_to_next) {
     if (!there.daemon) return;
     trace_.add("daemon: ends", static_cast<std::uint64_t>(node), there.daemon->life().boot);
     outcome_.turns += there.daemon->turns();
-    checkers_.daemon_ended(*there.daemon);
     there.daemon.reset();
     for (Client &client : clients_)
         if (client.node() == node) client.connection_ended();
