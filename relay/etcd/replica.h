@@ -26,8 +26,8 @@ struct Replica {
     // Without `is_own_period_open` the restart period of this node's services is never open.
     Replica(const NodeAddress &node_, const Keys &keys_, const View::Limits &limits,
             std::function<bool()> is_own_period_open_)
-        : node(node_), keys(keys_), is_own_period_open(std::move(is_own_period_open_)),
-          view(node, keys, limits, journal) {}
+        : node(node_), keys(keys_), own_part("/" + address_text(node) + "/"),
+          is_own_period_open(std::move(is_own_period_open_)), view(node, keys, limits, journal) {}
     Replica(const Replica &) = delete;
     Replica &operator=(const Replica &) = delete;
 
@@ -49,6 +49,7 @@ struct Replica {
 
     const NodeAddress node;
     const Keys keys;
+    const std::string own_part; // of every own entry's key
     const std::function<bool()> is_own_period_open;
     Events *events = nullptr; // null before the start and after the end of the engine
     bool is_reported_connected = false;

@@ -29,6 +29,11 @@ std::string find_remote_gap(const Daemon &daemon, const Snapshot &snapshot, Time
         now < daemon.started() + unsettled_for)
         return who + ": all is said to be settled before the relay has told anything";
     if (has_given_up(daemon)) return {};
+    const auto is_before = [](const Instance &a, const Instance &b) {
+        return a.identity() < b.identity();
+    };
+    std::vector<Instance> shown = snapshot.instances;
+    std::ranges::sort(shown, is_before);
     const auto &told = daemon.engine().told();
     const std::string name = name_text(snapshot.name);
     for (auto at = told.lower_bound({name, {}, 0, 0, {}});
@@ -39,9 +44,7 @@ std::string find_remote_gap(const Daemon &daemon, const Snapshot &snapshot, Time
         wanted.pid = pid;
         wanted.instance = number_in(text);
         wanted.scope = scope;
-        if (std::ranges::none_of(snapshot.instances, [&](const Instance &shown) {
-                return shown.identity() == wanted.identity();
-            }))
+        if (!std::ranges::binary_search(shown, wanted, is_before))
             return who + ": lacks [" + text_of(wanted) + "], which the relay told";
     }
     return {};
