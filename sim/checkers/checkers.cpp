@@ -5,13 +5,6 @@
 
 namespace ds::sim {
 
-namespace {
-
-// Larger databases are not walked after every turn.
-constexpr std::uint32_t records_walked_always = 64;
-
-} // namespace
-
 void Checkers::machine_halted(int node) {
     world_.clock().after(death_noticed_after, nobody,
                          [this, node, halted_at = world_.machine(node).halted_at] {
@@ -22,9 +15,6 @@ void Checkers::machine_halted(int node) {
 
 void Checkers::after_turn(Daemon &daemon) {
     const ds_db_t *db = daemon.database();
-    const std::uint32_t records = record_count(db);
-    const std::uint64_t step = 1 + records / records_walked_always;
-    if (daemon.turns() % step != 0) return;
     if (std::string found = find_broken_structure(db); !found.empty())
         return world_.fail("structure", found);
     if (host::is_restart_period_open()) return;
@@ -40,10 +30,8 @@ void Checkers::on_snapshot(Daemon &daemon, const Snapshot &snapshot) {
 }
 
 void Checkers::on_told(const Client &client, const Snapshot &snapshot, const Client::Watch &watch) {
-    if (!watch.is_told || snapshot.version >= watch.version) return;
-    world_.fail("version", "client " + std::to_string(client.index()) + " was told version " +
-                               std::to_string(snapshot.version) + " after " +
-                               std::to_string(watch.version));
+    if (std::string found = find_regress(client, snapshot, watch); !found.empty())
+        world_.fail("version", found);
 }
 
 void Checkers::when_settled() {

@@ -35,8 +35,6 @@ class Checkers {
 
 // The records are linked both ways, the tree is in order, counts are right. structure.cpp
 std::string find_broken_structure(const ds_db_t *db);
-// Records in the tree of names.
-std::uint32_t record_count(const ds_db_t *db);
 
 // Outside restart periods no service waits for its publisher. placeholders.cpp
 std::string find_stale_placeholder(const ds_db_t *db);
@@ -49,6 +47,10 @@ std::string find_discontinuity(const Daemon &daemon, const Snapshot &snapshot);
 // shows every service of other nodes that the engine has told and not taken back; and nothing is
 // said to be settled before it has told anything. remote.cpp
 std::string find_remote_gap(const Daemon &daemon, const Snapshot &snapshot, Time now);
+
+// No watcher is told an older version than before in the same session. version.cpp
+std::string find_regress(const Client &client, const Snapshot &snapshot,
+                         const Client::Watch &watch);
 
 // Every daemon shows what the living clients publish, within its scope, and nothing else; the store
 // holds what is of scope rack and system. convergence.cpp

@@ -141,11 +141,6 @@ class Walk {
 
 } // namespace
 
-std::uint32_t record_count(const ds_db_t *db) {
-    return static_cast<std::uint32_t>(in_use(db->service_pool) + in_use(db->client_reg_pool) +
-                                      in_use(db->client_pool));
-}
-
 std::string find_broken_structure(const ds_db_t *db) {
     const char *problem = Walk(db).run();
     return problem != nullptr ? problem : "";
