@@ -1,6 +1,7 @@
 #include "sim/workloads/scenario.h"
 
 #include <algorithm>
+#include <functional>
 
 #include "sim/faults/fault_mix.h"
 #include "sim/workloads/regressions.h"
@@ -50,162 +51,95 @@ struct Manners {
     bool reuses_daemon_pid = false;
 };
 
-template <Workload workload>
-Plan plan_of(Settings settings, const FaultMix &mix, const Manners &manners = {}) {
-    vary(settings);
-    settings.reuses_daemon_pid = manners.reuses_daemon_pid;
-    Planner planner(settings);
-    planner.changes_endpoints = manners.changes_endpoints;
-    planner.has_own_endpoints = manners.has_own_endpoints;
-    planner.has_own_instances = manners.has_own_instances;
-    plan_phases(planner, workload, mix);
-    return planner.finish();
+// A plan that is drawn anew for each seed.
+std::function<Plan(Settings)> drawn(Workload workload, const FaultMix &mix,
+                                    const Manners &manners = {}) {
+    return [=](Settings settings) {
+        vary(settings);
+        settings.reuses_daemon_pid = manners.reuses_daemon_pid;
+        Planner planner(settings);
+        planner.changes_endpoints = manners.changes_endpoints;
+        planner.has_own_endpoints = manners.has_own_endpoints;
+        planner.has_own_instances = manners.has_own_instances;
+        plan_phases(planner, workload, mix);
+        return planner.finish();
+    };
 }
 
-Plan make_steady(Settings settings) {
-    return plan_of<plan_steady>(std::move(settings), {});
-}
-Plan make_restarts(Settings settings) {
-    FaultMix mix;
-    mix.daemon_kills = 4;
-    mix.daemon_stops = 1;
-    return plan_of<plan_steady>(std::move(settings), mix);
-}
-Plan make_outages(Settings settings) {
-    FaultMix mix;
-    mix.store_outages = 1;
-    mix.mean_interval = 25 * second;
-    return plan_of<plan_steady>(std::move(settings), mix);
-}
-Plan make_partitions(Settings settings) {
-    FaultMix mix;
-    mix.partitions = 1;
-    return plan_of<plan_steady>(std::move(settings), mix);
-}
-Plan make_deaths(Settings settings) {
-    FaultMix mix;
-    mix.machine_halts = 1;
-    return plan_of<plan_steady>(std::move(settings), mix);
-}
-Plan make_freezes(Settings settings) {
-    FaultMix mix;
-    mix.freezes = 1;
-    return plan_of<plan_steady>(std::move(settings), mix);
-}
-Plan make_wipes(Settings settings) {
-    FaultMix mix;
-    mix.store_wipes = 1;
-    mix.store_outages = 1;
-    mix.mean_interval = 25 * second;
-    return plan_of<plan_steady>(std::move(settings), mix);
-}
-Plan make_memory(Settings settings) {
-    FaultMix mix;
-    mix.memory = 1;
-    return plan_of<plan_steady>(std::move(settings), mix);
-}
-Plan make_churn(Settings settings) {
-    FaultMix mix;
-    mix.daemon_kills = mix.store_outages = mix.partitions = mix.machine_halts = 1;
-    return plan_of<plan_churn>(std::move(settings), mix);
-}
-Plan make_rolling(Settings settings) {
-    FaultMix mix;
-    mix.mean_interval = 60 * second;
-    mix.daemon_kills = mix.store_outages = mix.partitions = 1;
-    return plan_of<plan_rolling>(std::move(settings), mix);
-}
-Plan make_flapping(Settings settings) {
-    FaultMix mix;
-    mix.daemon_kills = mix.store_outages = mix.partitions = mix.freezes = 1;
-    return plan_of<plan_flapping>(std::move(settings), mix);
-}
-Plan make_storm(Settings settings) {
-    FaultMix mix;
-    mix.daemon_kills = mix.store_outages = mix.machine_halts = 1;
-    return plan_of<plan_storm>(std::move(settings), mix);
-}
-FaultMix all_faults() {
-    FaultMix mix;
-    mix.mean_interval = 10 * second;
-    mix.daemon_kills = 4;
-    mix.daemon_stops = mix.machine_halts = mix.freezes = mix.partitions = mix.store_outages = 2;
-    mix.store_wipes = 1;
-    return mix;
-}
-Plan make_everything(Settings settings) {
-    return plan_of<plan_steady>(std::move(settings), all_faults());
-}
-Plan make_containers(Settings settings) {
-    return plan_of<plan_steady>(std::move(settings), all_faults(), {.reuses_daemon_pid = true});
-}
-Plan make_shared_containers(Settings settings) {
-    return plan_of<plan_steady>(std::move(settings), all_faults(),
-                                {.has_own_instances = false, .reuses_daemon_pid = true});
-}
-Plan make_roles(Settings settings) {
-    return plan_of<plan_steady>(std::move(settings), all_faults(), {.changes_endpoints = false});
-}
-Plan make_shared_endpoints(Settings settings) {
-    return plan_of<plan_steady>(std::move(settings), all_faults(),
-                                {.changes_endpoints = false, .has_own_endpoints = false});
-}
+constexpr FaultMix all_faults = {.mean_interval = 10 * second,
+                                 .daemon_kills = 4,
+                                 .daemon_stops = 2,
+                                 .machine_halts = 2,
+                                 .freezes = 2,
+                                 .partitions = 2,
+                                 .store_outages = 2,
+                                 .store_wipes = 1};
 
-Plan make_shared_instances(Settings settings) {
-    return plan_of<plan_steady>(std::move(settings), all_faults(), {.has_own_instances = false});
-}
+const std::vector<Scenario> all = {
+    {"steady", "all that clients do, without faults", drawn(plan_steady, {})},
+    {"restarts", "daemons end and are started again",
+     drawn(plan_steady, {.daemon_kills = 4, .daemon_stops = 1})},
+    {"outages", "the store goes away, also twice in one period",
+     drawn(plan_steady, {.mean_interval = 25 * second, .store_outages = 1})},
+    {"partitions", "single nodes lose the store", drawn(plan_steady, {.partitions = 1})},
+    {"deaths", "machines halt, and boot or stay away", drawn(plan_steady, {.machine_halts = 1})},
+    {"freezes", "machines stand still for a while", drawn(plan_steady, {.freezes = 1})},
+    {"wipes", "another, empty store stands in the place of the store",
+     drawn(plan_steady, {.mean_interval = 25 * second, .store_outages = 1, .store_wipes = 1})},
+    {"memory", "allocations fail in single nodes", drawn(plan_steady, {.memory = 1})},
+    {"churn", "names come and go under a few faults of each kind",
+     drawn(plan_churn,
+           {.daemon_kills = 1, .machine_halts = 1, .partitions = 1, .store_outages = 1})},
+    {"rolling", "a service with 500 instances is restarted bit by bit",
+     drawn(plan_rolling,
+           {.mean_interval = 60 * second, .daemon_kills = 1, .partitions = 1, .store_outages = 1})},
+    {"flapping", "publishers come and go many times a second",
+     drawn(plan_flapping, {.daemon_kills = 1, .freezes = 1, .partitions = 1, .store_outages = 1})},
+    {"storm", "every client registers for everything, again and again",
+     drawn(plan_storm, {.daemon_kills = 1, .machine_halts = 1, .store_outages = 1})},
+    {"everything", "all faults but lack of memory, often", drawn(plan_steady, all_faults)},
+    {"containers", "the same, and each daemon has its predecessor's pid",
+     drawn(plan_steady, all_faults, {.reuses_daemon_pid = true})},
+
+    {"regression-withdraw", "a withdrawal beside a service that waits", make_withdraw_beside,
+     Role::regression},
+    {"regression-change", "a change beside a service that waits", make_change_beside,
+     Role::regression},
+    {"regression-long-outage", "an outage that ends between the ends of two periods",
+     make_long_outage, Role::regression},
+    {"regression-twin", "two replays in one period, and a take-over between them", make_twin,
+     Role::regression},
+    {"regression-roles", "clients change their roles only, also while the store is away",
+     drawn(plan_steady, all_faults, {.changes_endpoints = false}), Role::regression},
+    {"regression-shared-endpoints", "a process publishes several instances at one endpoint",
+     drawn(plan_steady, all_faults, {.changes_endpoints = false, .has_own_endpoints = false}),
+     Role::regression},
+
+    {"limit-shared-instances", "processes of one node publish the same instance",
+     drawn(plan_steady, all_faults, {.has_own_instances = false}), Role::limit},
+    {"limit-two-heirs", "one entry is taken over by two processes", make_two_heirs, Role::limit},
+    {"limit-containers", "the same, and each daemon has its predecessor's pid",
+     drawn(plan_steady, all_faults, {.has_own_instances = false, .reuses_daemon_pid = true}),
+     Role::limit},
+};
 
 } // namespace
 
 const std::vector<Scenario> &scenarios() {
-    static const std::vector<Scenario> all = {
-        {"steady", "all that clients do, without faults", make_steady},
-        {"restarts", "daemons end and are started again", make_restarts},
-        {"outages", "the store goes away, also twice in one period", make_outages},
-        {"partitions", "single nodes lose the store", make_partitions},
-        {"deaths", "machines halt, and boot or stay away", make_deaths},
-        {"freezes", "machines stand still for a while", make_freezes},
-        {"wipes", "another, empty store stands in the place of the store", make_wipes},
-        {"memory", "allocations fail in single nodes", make_memory},
-        {"churn", "names come and go under a few faults of each kind", make_churn},
-        {"rolling", "a service with 500 instances is restarted bit by bit", make_rolling},
-        {"flapping", "publishers come and go many times a second", make_flapping},
-        {"storm", "every client registers for everything, again and again", make_storm},
-        {"everything", "all faults but lack of memory, often", make_everything},
-        {"containers", "the same, and each daemon has its predecessor's pid", make_containers},
-        {"regression-withdraw", "a withdrawal beside a service that waits", make_withdraw_beside,
-         Role::regression},
-        {"regression-change", "a change beside a service that waits", make_change_beside,
-         Role::regression},
-        {"regression-long-outage", "an outage that ends between the ends of two periods",
-         make_long_outage, Role::regression},
-        {"regression-twin", "two replays in one period, and a take-over between them", make_twin,
-         Role::regression},
-        {"regression-roles", "clients change their roles only, also while the store is away",
-         make_roles, Role::regression},
-        {"regression-shared-endpoints", "a process publishes several instances at one endpoint",
-         make_shared_endpoints, Role::regression},
-        {"limit-shared-instances", "processes of one node publish the same instance",
-         make_shared_instances, Role::limit},
-        {"limit-two-heirs", "one entry is taken over by two processes", make_two_heirs,
-         Role::limit},
-        {"limit-containers", "the same, and each daemon has its predecessor's pid",
-         make_shared_containers, Role::limit},
-    };
     return all;
 }
 
 std::vector<const Scenario *> scenarios_of(Role role) {
     std::vector<const Scenario *> some;
-    for (const Scenario &scenario : scenarios())
+    for (const Scenario &scenario : all)
         if (scenario.role == role) some.push_back(&scenario);
     return some;
 }
 
 const Scenario *find_scenario(const std::string &name) {
-    const auto found = std::find_if(scenarios().begin(), scenarios().end(),
-                                    [&](const Scenario &s) { return s.name == name; });
-    return found != scenarios().end() ? &*found : nullptr;
+    const auto found =
+        std::find_if(all.begin(), all.end(), [&](const Scenario &s) { return s.name == name; });
+    return found != all.end() ? &*found : nullptr;
 }
 
 } // namespace ds::sim

@@ -1,5 +1,6 @@
 // Scenarios: what clients do, and which faults befall them.
 #pragma once
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -16,7 +17,7 @@ enum class Role {
 struct Scenario {
     const char *name;
     const char *text;
-    Plan (*make)(Settings settings);
+    std::function<Plan(Settings)> make;
     Role role = Role::workload;
 };
 
