@@ -174,6 +174,23 @@ TEST_F(etcd_life, leaves_entries_of_dead_nodes_untold_and_removes_them) {
     EXPECT_EQ(one->directory.take_updates(), "");
 }
 
+TEST_F(etcd_life, removes_what_the_last_node_of_another_rack_left) {
+    const auto survivor = join(1);
+    EtcdConfig elsewhere = config(2);
+    elsewhere.rack = "b";
+    auto last = join(elsewhere);
+    ds::relay::Update update = update_of("web", 1);
+    update.scope = DSR_SCOPE_RACK;
+    last->directory.publish(update);
+    const std::string key = keys("b").entry(node(2), update);
+    EXPECT_TRUE(until([&] { return store().get(key).has_value(); }));
+
+    last->engine.reset();
+
+    EXPECT_TRUE(until([&] { return survivor->engine->status().cleanups > 0; }));
+    EXPECT_FALSE(store().get(key).has_value());
+}
+
 TEST_F(etcd_life, does_not_remove_entries_of_a_node_that_came_back) {
     EtcdConfig slow = config(1);
     slow.cleanup_delay = 1s;
