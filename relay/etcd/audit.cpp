@@ -25,6 +25,7 @@ Task<void> Session::audit() {
         if (!failure_.empty()) throw Failure(failure_);
         core_.give_leftovers();
         wake_writer();
+        co_await sweep();
         co_await wait(audit_timer_, core_.config.audit_interval);
     }
 }

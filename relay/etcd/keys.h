@@ -47,7 +47,6 @@ class Keys {
   public:
     Keys(const std::string &cluster, const std::string &rack);
 
-    const std::string &rack() const { return rack_; }
     const std::string &epoch() const { return epoch_; }
     std::string node(const NodeAddress &address) const { return nodes_ + address_text(address); }
     std::string probe(const NodeAddress &address) const { return probe_ + address_text(address); }
@@ -59,6 +58,7 @@ class Keys {
     KeyRange epoch_and_nodes() const { return {epoch_, range_of(nodes_).end}; }
     KeyRange system_entries() const { return range_of(system_); }
     KeyRange rack_entries() const { return range_of(racks_ + rack_ + "/"); }
+    KeyRange entries_of_all_racks() const { return range_of(racks_); }
     KeyRange system_entries_of(const NodeAddress &node) const;
     KeyRange rack_entries_of(const std::string &rack, const NodeAddress &node) const;
 

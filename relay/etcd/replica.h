@@ -27,7 +27,7 @@ struct Replica {
     Replica(const NodeAddress &node_, const Keys &keys_, const View::Limits &limits,
             std::function<bool()> is_own_period_open_)
         : node(node_), keys(keys_), own_part("/" + address_text(node) + "/"),
-          is_own_period_open(std::move(is_own_period_open_)), view(node, keys, limits, journal) {}
+          is_own_period_open(std::move(is_own_period_open_)), view(keys, limits, journal) {}
     Replica(const Replica &) = delete;
     Replica &operator=(const Replica &) = delete;
 
@@ -45,6 +45,8 @@ struct Replica {
     // The outage has lasted: the directory is told.
     void report_outage();
 
+    // Of the living nodes, by address.
+    bool is_first() const { return view.nodes().empty() || node < view.nodes().begin()->first; }
     bool is_own_entry(const std::string &key) const;
 
     const NodeAddress node;

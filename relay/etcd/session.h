@@ -100,6 +100,8 @@ class Session : public std::enable_shared_from_this<Session> {
 
     // ---- clean.cpp ----
     Task<void> clean();
+    Task<void> sweep();
+    Task<void> remove(View::Remains remains);
 
     Core &core_;
     Client client_;

@@ -24,8 +24,6 @@ View::Told View::clear() {
     for (auto &[address, entries] : entries_)
         for (auto &[key, entry] : entries)
             if (entry.told) told[key] = std::move(entry.told);
-    for (const auto &[address, node] : nodes_)
-        note_departure(address, node); // until the next list shows the node
     nodes_.clear();
     entries_.clear();
     names_.clear();
@@ -110,7 +108,6 @@ void View::remove(const std::string &key, std::int64_t revision, Events &events)
 
 // True when other entries than before may count.
 bool View::learn_node(const NodeAddress &address, const KeyValue &item) {
-    departed_.erase(address);
     Node &node = nodes_[address];
     if (item.mod_revision < node.mod_revision) return false;
     NodeInfo info;
@@ -155,14 +152,8 @@ void View::put_entry(const EntryKey &parts, const KeyValue &item, Events &events
     fill_room(events);
 }
 
-void View::note_departure(const NodeAddress &address, const Node &node) {
-    if (node.info && node.info->rack != keys_.rack()) departed_[address] = node.info->rack;
-}
-
 // The directory drops the node's services by itself.
 void View::remove_node(const NodeAddress &address, Events &events) {
-    if (const auto node = nodes_.find(address); node != nodes_.end())
-        note_departure(address, node->second);
     nodes_.erase(address);
     const auto entries = entries_.find(address);
     if (entries != entries_.end())
@@ -279,20 +270,14 @@ void View::fill_room(Events &events) {
 // ---- questions ----
 
 std::vector<View::Remains> View::remains() const {
-    std::map<NodeAddress, std::set<std::string>> racks;
-    if (is_first())
-        for (const auto &[address, rack] : departed_)
-            racks[address].insert(rack);
+    std::vector<Remains> result;
     for (const auto &[address, entries] : entries_) {
         if (nodes_.contains(address)) continue;
-        std::set<std::string> &seen = racks[address];
-        for (const auto &[key, entry] : entries)
-            if (entry.parts.scope == DSR_SCOPE_RACK) seen.insert(entry.parts.rack);
-    }
-    std::vector<Remains> result;
-    for (const auto &[address, of_node] : racks) {
         Remains remains = {address, {keys_.system_entries_of(address)}};
-        for (const std::string &rack : of_node)
+        std::set<std::string> racks;
+        for (const auto &[key, entry] : entries)
+            if (entry.parts.scope == DSR_SCOPE_RACK) racks.insert(entry.parts.rack);
+        for (const std::string &rack : racks)
             remains.ranges.push_back(keys_.rack_entries_of(rack, address));
         result.push_back(std::move(remains));
     }
@@ -300,7 +285,6 @@ std::vector<View::Remains> View::remains() const {
 }
 
 bool View::has_remains() const {
-    if (is_first() && !departed_.empty()) return true;
     for (const auto &[address, entries] : entries_)
         if (!nodes_.contains(address)) return true;
     return false;

@@ -41,8 +41,8 @@ class View {
         std::size_t told = 0; // entries that the directory was told
     };
 
-    View(const NodeAddress &self, const Keys &keys, const Limits &limits, Journal &journal)
-        : self_(self), keys_(keys), limits_(limits), journal_(journal) {}
+    View(const Keys &keys, const Limits &limits, Journal &journal)
+        : keys_(keys), limits_(limits), journal_(journal) {}
 
     using Told = std::map<std::string, std::shared_ptr<const Update>>; // by key
     // Forgets everything without telling: the directory begins anew. Returns what it was told.
@@ -61,17 +61,13 @@ class View {
     const std::map<NodeAddress, Node> &nodes() const { return nodes_; }
     std::size_t entry_count() const { return entry_count_; }
 
-    // Nodes without a key whose entries are still in the store, with the ranges of these. What a
-    // node of another rack left there is not seen from here; the first of the living nodes, by
-    // address, looks after it.
+    // Nodes without a key whose entries are still in the store, with the ranges of these.
     struct Remains {
         NodeAddress node;
         std::vector<KeyRange> ranges;
     };
     std::vector<Remains> remains() const;
     bool has_remains() const;
-    // They were removed from the store, or the node has a key again.
-    void removed_remains(const NodeAddress &node) { departed_.erase(node); }
 
     // The revision at which the key was last written, as far as known; 0 when it is not there.
     std::int64_t revision_of(const std::string &key) const;
@@ -99,7 +95,6 @@ class View {
     void put_node(const NodeAddress &address, const KeyValue &item, Events &events);
     void put_entry(const EntryKey &parts, const KeyValue &item, Events &events);
     void remove_node(const NodeAddress &address, Events &events);
-    void note_departure(const NodeAddress &address, const Node &node);
     void remove_entry(const NodeAddress &address, Entries::iterator entry, Events &events);
     void drop_missing(const std::vector<KeyValue> &items, Events &events);
     void settle(const NodeAddress &address, const std::string &key, Entry &entry, Events &events);
@@ -111,14 +106,10 @@ class View {
     void fill_room(Events &events);
     bool counts(const NodeAddress &address, const Entry &entry) const;
 
-    bool is_first() const { return nodes_.empty() || self_ < nodes_.begin()->first; }
-
-    const NodeAddress self_;
     const Keys &keys_;
     Limits limits_;
     Journal &journal_;
     std::map<NodeAddress, Node> nodes_;
-    std::map<NodeAddress, std::string> departed_; // nodes of other racks that have gone, the racks
     std::map<NodeAddress, Entries> entries_;
     std::size_t entry_count_ = 0;
     std::unordered_map<std::string, Name> names_;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <set>
 #include <utility>
 
 namespace ds::sim {
@@ -151,8 +152,10 @@ void SimEngine::deliver(const etcd::Listing &listing) {
 // What was replayed and is still nobody's when the restart period has ended is offered again.
 void SimEngine::audit_later() {
     put_for_session(parts_.clock.now + audit_interval, [this] {
-        if (parts_.network.is_open(identity_.node, parts_.clock.now))
+        if (parts_.network.is_open(identity_.node, parts_.clock.now)) {
             host_.turn([this] { replica_.give_leftovers(); });
+            sweep();
+        }
         wake_writer();
         audit_later();
     });
@@ -191,15 +194,29 @@ void SimEngine::clean_later() {
 
 void SimEngine::clean() {
     for (const etcd::View::Remains &remains : replica_.view.remains())
-        transmit(parts_.clock.now + delay(),
-                 std::make_shared<const etcd::Transaction>(etcd::clean(replica_.keys, remains)),
-                 [this, node = remains.node](const etcd::TransactionReply &) {
-                     replica_.view.removed_remains(node);
-                 });
+        remove(remains);
     put_for_session(parts_.clock.now + cleanup_delay, [this] {
         is_cleaning_ = false;
         clean_later();
     });
+}
+
+// What was left in a rack without a living node is watched by nobody.
+void SimEngine::sweep() {
+    if (!replica_.is_first()) return;
+    std::set<std::pair<relay::NodeAddress, std::string>> dead;
+    for (const etcd::KeyValue &item : parts_.store.range(replica_.keys.entries_of_all_racks()))
+        if (const auto entry = replica_.keys.parse_entry(item.key);
+            entry && entry->node != self_.address && !replica_.view.nodes().contains(entry->node))
+            dead.insert({entry->node, entry->rack});
+    for (const auto &[node, rack] : dead)
+        remove({node, {replica_.keys.rack_entries_of(rack, node)}});
+}
+
+void SimEngine::remove(const etcd::View::Remains &remains) {
+    transmit(parts_.clock.now + delay(),
+             std::make_shared<const etcd::Transaction>(etcd::clean(replica_.keys, remains)),
+             [](const etcd::TransactionReply &) {});
 }
 
 // A way that went silent is noticed when an answer is missing.

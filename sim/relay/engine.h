@@ -85,6 +85,8 @@ class SimEngine final : public relay::Engine, private Follower {
     void audit_later();
     void clean_later();
     void clean();
+    void sweep();
+    void remove(const etcd::View::Remains &remains);
     void begin_outage();
     void keep_alive();
     void wake_writer();

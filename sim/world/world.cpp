@@ -1,5 +1,6 @@
 #include "sim/world/world.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "sim/faults/faults.h"
@@ -98,6 +99,10 @@ void World::end_of_all() {
 }
 
 // ---- machines ----
+
+bool World::is_deserted() const {
+    return std::ranges::all_of(machines_, [](const Machine &machine) { return machine.is_gone; });
+}
 
 Daemon *World::daemon_of(int node, std::uint64_t boot) {
     Daemon *daemon = daemon_of(node);

@@ -74,6 +74,7 @@ class World {
 
     std::vector<Machine> &machines() { return machines_; }
     Machine &machine(int node) { return machines_[static_cast<std::size_t>(node)]; }
+    bool is_deserted() const; // every machine is gone for good
     Daemon *daemon_of(int node) { return machine(node).daemon.get(); }
     // Null when another life has begun.
     Daemon *daemon_of(int node, std::uint64_t boot);

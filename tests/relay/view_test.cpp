@@ -49,7 +49,7 @@ class view : public testing::Test {
 
     Keys keys{"lab", "r1"};
     Journal journal;
-    View directory_view{node(9), keys, {room_for_two, 100}, journal};
+    View directory_view{keys, {room_for_two, 100}, journal};
     Transcript told;
 };
 
@@ -251,38 +251,8 @@ TEST_F(view, names_the_ranges_that_a_dead_node_left) {
     EXPECT_EQ(remains[0].ranges[1].begin, keys.rack_entries_of("r1", node(1)).begin);
 }
 
-TEST_F(view, of_the_first_living_node_names_the_ranges_that_a_node_of_another_rack_left) {
-    directory_view.put(node_item(1, 10, 10, "r2"), told);
-    directory_view.put(node_item(2, 11, 11, "r2"), told);
-    directory_view.remove(keys.node(node(2)), 12, told);
-    EXPECT_FALSE(directory_view.has_remains()); // node 1 is before this one
-
-    directory_view.remove(keys.node(node(1)), 13, told);
-
-    const auto remains = directory_view.remains();
-    ASSERT_EQ(remains.size(), 2u);
-    EXPECT_EQ(remains[1].node, node(2));
-    ASSERT_EQ(remains[1].ranges.size(), 2u);
-    EXPECT_EQ(remains[1].ranges[1].begin, keys.rack_entries_of("r2", node(2)).begin);
-    directory_view.removed_remains(node(2));
-    directory_view.put(node_item(1, 14, 14, "r2"), told);
-    EXPECT_FALSE(directory_view.has_remains());
-}
-
-TEST_F(view, looks_after_what_nodes_of_another_rack_left_that_died_while_the_store_was_away) {
-    directory_view.put(node_item(10, 10, 10, "r2"), told);
-    directory_view.put(node_item(11, 11, 11, "r2"), told);
-
-    directory_view.clear();
-    directory_view.replace({node_item(11, 11, 11, "r2")}, told);
-
-    const auto remains = directory_view.remains();
-    ASSERT_EQ(remains.size(), 1u);
-    EXPECT_EQ(remains[0].node, node(10));
-}
-
 TEST_F(view, keeps_no_more_entries_than_it_may) {
-    View small(node(9), keys, {room_for_two, 1}, journal);
+    View small(keys, {room_for_two, 1}, journal);
     small.put(node_item(1, 10, 10), told);
     small.put(entry_item(1, update_of("web", 1), 11), told);
     small.put(entry_item(1, update_of("db", 2), 12), told);
