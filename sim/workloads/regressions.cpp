@@ -65,6 +65,19 @@ Plan make_twin(Settings settings) {
                     {28 * second, Kind::store_outage, 0, 4600}});
 }
 
+// The only node of its rack dies for good, and so does every other node that has seen it die, but
+// for one that is started again and knows nothing of it.
+Plan make_last_of_rack(Settings settings) {
+    settings.nodes = 3;
+    settings.racks = 2;
+    return plan_of(std::move(settings), 100 * second,
+                   {{1 * second, Kind::start_client, 0, 1},
+                    {1 * second, Kind::publish, 0, name, 1 * 4 + DS_SCOPE_RACK, first_endpoint},
+                    {20 * second, Kind::halt_machine, 0, 0},
+                    {20 * second, Kind::halt_machine, 1, 0},
+                    {27'500 * ms, Kind::halt_machine, 2, 3000}});
+}
+
 // One process takes over the entry of another with the same instance, which then comes back with
 // its former pid and endpoint, before the store is back and replays the entry a second time.
 Plan make_two_heirs(Settings settings) {

@@ -114,6 +114,8 @@ const std::vector<Scenario> all = {
     {"regression-shared-endpoints", "a process publishes several instances at one endpoint",
      drawn(plan_steady, all_faults, {.changes_endpoints = false, .has_own_endpoints = false}),
      Role::regression},
+    {"regression-last-of-rack", "the only node of a rack dies, and who has seen it",
+     make_last_of_rack, Role::regression},
 
     {"limit-shared-instances", "processes of one node publish the same instance",
      drawn(plan_steady, all_faults, {.has_own_instances = false}), Role::limit},
