@@ -14,9 +14,16 @@ target_compile_options(ds_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Woverloaded-virtual>)
 target_include_directories(ds_options INTERFACE ${PROJECT_SOURCE_DIR})
 
+# Half of what the sanitizers cost a compiler is to optimise what they add. The daemon and the tests
+# wait more than they compute and can do without; what links this computes.
+add_library(ds_computing_options INTERFACE)
+if(NOT DS_COVERAGE)
+  target_compile_options(ds_computing_options INTERFACE $<$<CONFIG:Debug>:-O1>)
+endif()
+
 # The library and the platform code: plain records and free functions, no exceptions, no RTTI.
 add_library(ds_core_options INTERFACE)
-target_link_libraries(ds_core_options INTERFACE ds_options)
+target_link_libraries(ds_core_options INTERFACE ds_options ds_computing_options)
 target_compile_options(ds_core_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
 
