@@ -3,6 +3,12 @@
 
 namespace ds::relay::etcd {
 
+namespace {
+
+constexpr int rounds = 4;
+
+} // namespace
+
 Task<void> Session::audit() {
     // The first one follows the list at once: a deletion that was compacted away between the list
     // and the watch is never told.
@@ -10,24 +16,28 @@ Task<void> Session::audit() {
     if (streams_awaited_ > 0) throw Failure("the watch does not begin");
     for (;;) {
         core_.counters.audits++;
-        const Differences first = co_await compare_with_store();
-        if (!first.empty()) {
-            // What was on its way has arrived when the probe has; what differs in the same manner
-            // then was missed.
-            co_await probe();
-            const Differences second = co_await compare_with_store();
-            for (const auto &difference : second) {
-                if (!first.contains(difference)) continue;
-                core_.counters.repairs++;
-                throw Failure("the audit found a difference at " + difference.first);
-            }
-        }
+        co_await look_for_missed();
         if (!failure_.empty()) throw Failure(failure_);
         core_.give_leftovers();
         wake_writer();
         co_await sweep();
         co_await wait(audit_timer_, core_.config.audit_interval);
     }
+}
+
+// What is on its way comes sooner or later, each range in a stream of its own, also behind the
+// probe. What differs in the same manner for as long as an answer may take was missed.
+Task<void> Session::look_for_missed() {
+    Differences missed = co_await compare_with_store();
+    for (int round = 0; round < rounds && !missed.empty(); round++) {
+        if (round > 0) co_await wait(audit_timer_, core_.config.call_deadline / rounds);
+        co_await probe();
+        const Differences now = co_await compare_with_store();
+        std::erase_if(missed, [&](const auto &difference) { return !now.contains(difference); });
+    }
+    if (missed.empty()) co_return;
+    core_.counters.repairs++;
+    throw Failure("the audit found a difference at " + missed.begin()->first);
 }
 
 bool Session::is_judged(const std::string &key) const {

@@ -93,6 +93,7 @@ class Session : public std::enable_shared_from_this<Session> {
 
     // ---- audit.cpp ----
     Task<void> audit();
+    Task<void> look_for_missed();
     using Differences = std::set<std::pair<std::string, std::int64_t>>;
     Task<Differences> compare_with_store();
     std::int64_t known_revision(const std::string &key) const;
