@@ -62,7 +62,7 @@ echo '#include <ds_client.h>' >"$work/header.cpp"
 
 "$link" ${sanitize:+"$sanitize"} "$work/consumer.o" "${libs[@]}" -o "$work/shared"
 expect "$work/shared"
-readelf -d "$work/shared" | grep -q 'NEEDED.*libds_client\.so\.1\]'
+[[ $(readelf -d "$work/shared") == *'[libds_client.so.1]'* ]]
 "$link" ${sanitize:+"$sanitize"} "$work/consumer.o" "$lib/libds_client.a" "${static_libs[@]}" \
     -o "$work/static"
 expect "$work/static"
