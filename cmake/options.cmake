@@ -15,7 +15,8 @@ target_compile_options(ds_options INTERFACE
 target_include_directories(ds_options INTERFACE ${PROJECT_SOURCE_DIR})
 
 # Half of what the sanitizers cost a compiler is to optimise what they add. The daemon and most tests
-# wait more than they compute and can do without; what links this is optimised in every build.
+# wait more than they compute and can do without; what links this is optimised in every build: the
+# library, the platform, the engine, the simulator, and the command line, which prints a great deal.
 add_library(ds_computing_options INTERFACE)
 if(NOT DS_COVERAGE)
   target_compile_options(ds_computing_options INTERFACE $<$<CONFIG:Debug>:-O1>)
